@@ -1,0 +1,12 @@
+# Shared part of the MinGW-w64 cross toolchains. The including file sets KY_TRIPLE.
+set(CMAKE_SYSTEM_NAME Windows)
+set(CMAKE_C_COMPILER ${KY_TRIPLE}-gcc-posix)
+set(CMAKE_CXX_COMPILER ${KY_TRIPLE}-g++-posix)
+set(CMAKE_RC_COMPILER ${KY_TRIPLE}-windres)
+set(KY_WIDL ${KY_TRIPLE}-widl CACHE FILEPATH "widl for the target")
+set(KY_WINDMC ${KY_TRIPLE}-windmc CACHE FILEPATH "windmc for the target")
+set(KY_OBJDUMP ${KY_TRIPLE}-objdump CACHE FILEPATH "objdump for the target")
+set(CMAKE_FIND_ROOT_PATH /usr/${KY_TRIPLE})
+set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
+set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
