@@ -4,6 +4,33 @@
 #include "kyutils.h"
 #include "resource.h"
 
+// Each service's header sits on a line of its own, so that services can be
+// added independently.
+
+// #include "logger/logger.h"
+
+// #include "dataexchange/stddataobject.h"
+
+// #include "metadata/objectmetadata.h"
+
+// #include "tasks/tasks.h"
+
+// #include "helpers/helpers.h"
+
+// #include "dataexchange/objectcollection.h"
+
+// #include "dataexchange/kyole.h"
+
+// #include "strings/strings.h"
+
+// #include "sharedconfig/configuration.h"
+
+// #include "timer/systemtimer.h"
+
+// #include "strings/searchgroups.h"
+
+// #include "opml/document.h"
+
 namespace ky {
 
 namespace {
@@ -11,14 +38,42 @@ namespace {
 using com::ClassFactory;
 using com::SingletonFactory;
 
-// One row per creatable class, in the fixed order of registration and lookup:
-// logger, standard data object, object metadata, task list, helpers, object
-// collection factory, clipboard gateway, string collection, shared
-// configuration, MTA and STA godfathers, system timer, search attribute group
-// and group set, OPML document.
+// One row per creatable class, in the fixed order of registration and
+// class-object lookup. Rows are kept apart by blank lines.
 ObjectMapEntry g_objectMap[] = {
+    // MakeObjectMapEntry<CKyLogger, SingletonFactory>(CLSID_KyLogger, IDR_KYLOGGER),
+
+    // MakeObjectMapEntry<CKyStdDataObject, ClassFactory>(CLSID_KyStdDataObject, IDR_KYSTDDATAOBJECT),
+
+    // MakeObjectMapEntry<CCoKyObjectMetaData, ClassFactory>(CLSID_KyObjectMetaData, IDR_KYOBJECTMETADATA),
+
+    // MakeObjectMapEntry<CKyTasks, SingletonFactory>(CLSID_KyTasks, IDR_KYTASKS),
+
+    // MakeObjectMapEntry<CCoKyHelpers, ClassFactory>(CLSID_KyHelpers, IDR_KYHELPERS),
+
+    // MakeObjectMapEntry<CCoKyObjectCollectionFactory, SingletonFactory>(CLSID_KyObjectCollectionFactory,
+    //                                                                     IDR_KYOBJECTCOLLECTIONFACTORY),
+
+    // MakeObjectMapEntry<CCoKyOLE, SingletonFactory>(CLSID_KyOLE, IDR_KYOLE),
+
+    // MakeObjectMapEntry<CCoKyStrings, ClassFactory>(CLSID_KyStrings, IDR_KYSTRINGS),
+
+    // MakeObjectMapEntry<CComStgOutriggedConfiguration, ClassFactory>(CLSID_ComStgOutriggedConfiguration,
+    //                                                                  IDR_COMSTGCONFIGURATIONMANAGER),
+
     MakeObjectMapEntry<CMTAObjectGodfather, SingletonFactory>(CLSID_MTAObjectGodfather, IDR_MTAOBJECTGODFATHER),
+
     MakeObjectMapEntry<CSTAObjectGodfather, SingletonFactory>(CLSID_STAObjectGodfather, IDR_STAOBJECTGODFATHER),
+
+    // MakeObjectMapEntry<CSystemTimer, SingletonFactory>(CLSID_SystemTimer, IDR_SYSTEMTIMER),
+
+    // MakeObjectMapEntry<CCoSearchAttributesGroup, ClassFactory>(CLSID_SearchAttributesGroup,
+    //                                                             IDR_SEARCHATTRIBUTESGROUP),
+
+    // MakeObjectMapEntry<CCoSearchAttributesGroupSet, ClassFactory>(CLSID_SearchAttributesGroupSet,
+    //                                                                IDR_SEARCHATTRIBUTESGROUPSET),
+
+    // MakeObjectMapEntry<OPML::CCoDocument, ClassFactory>(CLSID_OPMLDocument, IDR_OPMLDOCUMENT),
 };
 
 }  // namespace
