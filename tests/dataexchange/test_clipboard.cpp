@@ -7,6 +7,7 @@
 #include <cstring>
 #include <string>
 
+#include "exchange.h"
 #include "kytest.h"
 
 using Microsoft::WRL::ComPtr;
@@ -14,35 +15,17 @@ using Microsoft::WRL::ComPtr;
 namespace ky::test {
 namespace {
 
-ComPtr<IKyOLE> Gateway() {
-    ComPtr<IKyOLE> ole;
-    EXPECT_HR(S_OK, ::CoCreateInstance(CLSID_KyOLE, nullptr, CLSCTX_INPROC_SERVER, IID_IKyOLE, &ole));
-    return ole;
-}
+ComPtr<IKyOLE> Gateway() { return CreateInstance<IKyOLE>(CLSID_KyOLE); }
 
-FORMATETC TextFormat() { return FORMATETC{CF_UNICODETEXT, nullptr, DVASPECT_CONTENT, -1, TYMED_HGLOBAL}; }
+FORMATETC TextFormat() { return Format(CF_UNICODETEXT, TYMED_HGLOBAL); }
 
 // A data object holding one text.
 ComPtr<IDataObject> DataWithText(const wchar_t* text) {
-    ComPtr<IDataObject> data;
-    EXPECT_HR(S_OK, ::CoCreateInstance(CLSID_KyStdDataObject, nullptr, CLSCTX_INPROC_SERVER, IID_IDataObject, &data));
-    size_t bytes = (std::wcslen(text) + 1) * sizeof(wchar_t);
-    HGLOBAL h = ::GlobalAlloc(GMEM_MOVEABLE, bytes);
-    std::memcpy(::GlobalLock(h), text, bytes);
-    ::GlobalUnlock(h);
+    ComPtr<IDataObject> data = CreateInstance<IDataObject>(CLSID_KyStdDataObject);
     FORMATETC fe = TextFormat();
-    STGMEDIUM medium = {};
-    medium.tymed = TYMED_HGLOBAL;
-    medium.hGlobal = h;
+    STGMEDIUM medium = GlobalMedium(GlobalText(text));
     EXPECT_HR(S_OK, data->SetData(&fe, &medium, FALSE));
     return data;
-}
-
-std::wstring TextOf(HGLOBAL h) {
-    auto* p = static_cast<const wchar_t*>(::GlobalLock(h));
-    std::wstring text = p ? p : L"<none>";
-    ::GlobalUnlock(h);
-    return text;
 }
 
 // The text on the clipboard, read through the gateway's raw calls.
@@ -54,11 +37,6 @@ std::wstring RawText(IKyOLE* ole, HRESULT* hr) {
     if (handle) text = TextOf(reinterpret_cast<HGLOBAL>(handle));
     EXPECT_HR(S_OK, ole->CloseClipboard());
     return text;
-}
-
-LONG RefsOf(IUnknown* p) {
-    p->AddRef();
-    return static_cast<LONG>(p->Release());
 }
 
 TEST(ClipboardGateway, IsOneObjectForTheProcessAndRefusesAggregation) {

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "exchange.h"
 #include "kytest.h"
 
 using Microsoft::WRL::ComPtr;
@@ -14,52 +15,7 @@ using Microsoft::WRL::ComPtr;
 namespace ky::test {
 namespace {
 
-// A release object that counts how often the data object lets go of it.
-class ReleaseCounter : public IUnknown {
-public:
-    STDMETHODIMP QueryInterface(REFIID riid, void** ppv) override {
-        *ppv = IsEqualIID(riid, IID_IUnknown) ? this : nullptr;
-        if (!*ppv) return E_NOINTERFACE;
-        AddRef();
-        return S_OK;
-    }
-    STDMETHODIMP_(ULONG) AddRef() override { return ++refs; }
-    STDMETHODIMP_(ULONG) Release() override { return --refs; }
-    LONG refs = 1;
-};
-
-ComPtr<IDataObject> Create() {
-    ComPtr<IDataObject> data;
-    EXPECT_HR(S_OK, ::CoCreateInstance(CLSID_KyStdDataObject, nullptr, CLSCTX_INPROC_SERVER, IID_IDataObject, &data));
-    return data;
-}
-
-FORMATETC Format(CLIPFORMAT cf, DWORD tymed, DWORD aspect = DVASPECT_CONTENT) {
-    return FORMATETC{cf, nullptr, aspect, -1, tymed};
-}
-
-HGLOBAL GlobalText(const wchar_t* text) {
-    size_t bytes = (std::wcslen(text) + 1) * sizeof(wchar_t);
-    HGLOBAL h = ::GlobalAlloc(GMEM_MOVEABLE, bytes);
-    std::memcpy(::GlobalLock(h), text, bytes);
-    ::GlobalUnlock(h);
-    return h;
-}
-
-std::wstring TextOf(HGLOBAL h) {
-    auto* p = static_cast<const wchar_t*>(::GlobalLock(h));
-    std::wstring text = p ? p : L"<gone>";
-    ::GlobalUnlock(h);
-    return text;
-}
-
-STGMEDIUM GlobalMedium(HGLOBAL h, IUnknown* release = nullptr) {
-    STGMEDIUM m = {};
-    m.tymed = TYMED_HGLOBAL;
-    m.hGlobal = h;
-    m.pUnkForRelease = release;
-    return m;
-}
+ComPtr<IDataObject> Create() { return CreateInstance<IDataObject>(CLSID_KyStdDataObject); }
 
 ComPtr<IStream> StreamWith(const char* bytes) {
     ComPtr<IStream> s;
@@ -83,11 +39,6 @@ ULONGLONG PositionOf(IStream* s) {
     ULARGE_INTEGER position = {};
     s->Seek(zero, STREAM_SEEK_CUR, &position);
     return position.QuadPart;
-}
-
-LONG RefsOf(IUnknown* p) {
-    p->AddRef();
-    return static_cast<LONG>(p->Release());
 }
 
 TEST(StdDataObject, EveryRequestGetsANewObject) {
@@ -142,7 +93,7 @@ TEST(StdDataObject, SetDataRefusesToBeGivenTheMedium) {
 }
 
 TEST(StdDataObject, TheObjectOwnsWhatItStores) {
-    ReleaseCounter first, second;
+    Counted first, second;
     FORMATETC text = Format(CF_UNICODETEXT, TYMED_HGLOBAL), other = Format(CF_TEXT, TYMED_HGLOBAL);
     HGLOBAL h1 = GlobalText(L"1"), h2 = GlobalText(L"2");
     {
@@ -152,16 +103,16 @@ TEST(StdDataObject, TheObjectOwnsWhatItStores) {
         ASSERT_HR(S_OK, data->SetData(&other, &m2, FALSE));
         // Emptying releases every medium through the release object it came with.
         EXPECT_HR(S_OK, data->SetData(nullptr, nullptr, FALSE));
-        EXPECT_EQ(0, first.refs);
-        EXPECT_EQ(0, second.refs);
+        EXPECT_EQ(0, first.Refs());
+        EXPECT_EQ(0, second.Refs());
         EXPECT_HR(S_FALSE, data->QueryGetData(&text));
         EXPECT_HR(S_FALSE, data->QueryGetData(&other));
 
-        first.refs = 1;
+        first.SetRefs(1);
         ASSERT_HR(S_OK, data->SetData(&text, &m1, FALSE));
-        EXPECT_EQ(1, first.refs);
+        EXPECT_EQ(1, first.Refs());
     }
-    EXPECT_EQ(0, first.refs);  // and so does the object's destruction
+    EXPECT_EQ(0, first.Refs());  // and so does the object's destruction
     ::GlobalFree(h1);         // (a release object means the memory is its owner's)
     ::GlobalFree(h2);
 }
@@ -280,7 +231,7 @@ TEST(StdDataObject, StoragesAreCopiedIntoTheCallersStorage) {
 }
 
 TEST(StdDataObject, TheFormatEnumeratorListsEntriesInOrder) {
-    ReleaseCounter release;
+    Counted release;
     ComPtr<IEnumFORMATETC> e;
     {
         ComPtr<IDataObject> data = Create();
@@ -294,7 +245,7 @@ TEST(StdDataObject, TheFormatEnumeratorListsEntriesInOrder) {
         second.lindex = 2;
         HGLOBAL h = GlobalText(L"x");
         STGMEDIUM m1 = GlobalMedium(h, &release), m2 = GlobalMedium(h, &release);
-        release.refs = 2;
+        release.SetRefs(2);
         ASSERT_HR(S_OK, data->SetData(&first, &m1, FALSE));
         ASSERT_HR(S_OK, data->SetData(&second, &m2, FALSE));
         device.extra[0] = 9;  // the object keeps a copy of its own
@@ -308,7 +259,7 @@ TEST(StdDataObject, TheFormatEnumeratorListsEntriesInOrder) {
     }
     // The enumerator keeps the data object, and so its media, alive.
     ASSERT_NE(nullptr, e.Get());
-    EXPECT_EQ(2, release.refs);
+    EXPECT_EQ(2, release.Refs());
     FORMATETC got[3] = {};
     ULONG fetched = 0;
     EXPECT_HR(S_FALSE, e->Next(3, got, &fetched));
@@ -323,7 +274,7 @@ TEST(StdDataObject, TheFormatEnumeratorListsEntriesInOrder) {
     EXPECT_EQ(1, reinterpret_cast<const BYTE*>(got[1].ptd)[sizeof(DVTARGETDEVICE)]);
     ::CoTaskMemFree(got[1].ptd);
     e.Reset();
-    EXPECT_EQ(0, release.refs);
+    EXPECT_EQ(0, release.Refs());
 }
 
 TEST(StdDataObject, CanonicalFormatsAndAdviseAreNotOffered) {

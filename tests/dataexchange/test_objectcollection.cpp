@@ -6,6 +6,7 @@
 #include <memory>
 #include <vector>
 
+#include "exchange.h"
 #include "kytest.h"
 
 using Microsoft::WRL::ComPtr;
@@ -13,23 +14,8 @@ using Microsoft::WRL::ComPtr;
 namespace ky::test {
 namespace {
 
-// A selected object that counts its references and outlives the test.
-class Item : public IUnknown {
-public:
-    STDMETHODIMP QueryInterface(REFIID riid, void** ppv) override {
-        if (!ppv) return E_POINTER;
-        *ppv = IsEqualIID(riid, IID_IUnknown) ? this : nullptr;
-        if (!*ppv) return E_NOINTERFACE;
-        AddRef();
-        return S_OK;
-    }
-    STDMETHODIMP_(ULONG) AddRef() override { return ::InterlockedIncrement(&m_refs); }
-    STDMETHODIMP_(ULONG) Release() override { return ::InterlockedDecrement(&m_refs); }
-    LONG Refs() const { return m_refs; }
-
-private:
-    volatile LONG m_refs = 1;
-};
+// The selected objects are test-owned objects that count their references.
+using Item = Counted;
 
 // What the client enumerators of one test share: injected failures and
 // what was asked of them.
@@ -51,11 +37,7 @@ public:
     }
 
     STDMETHODIMP QueryInterface(REFIID riid, void** ppv) override {
-        if (!ppv) return E_POINTER;
-        *ppv = IsEqualIID(riid, IID_IUnknown) || IsEqualIID(riid, IID_IEnumUnknown) ? this : nullptr;
-        if (!*ppv) return E_NOINTERFACE;
-        AddRef();
-        return S_OK;
+        return AnswerFor(this, IID_IEnumUnknown, riid, ppv);
     }
     STDMETHODIMP_(ULONG) AddRef() override { return ::InterlockedIncrement(&m_refs); }
     STDMETHODIMP_(ULONG) Release() override {
@@ -112,10 +94,7 @@ private:
 };
 
 ComPtr<IKyObjectCollectionFactory> Factory() {
-    ComPtr<IKyObjectCollectionFactory> factory;
-    EXPECT_HR(S_OK, ::CoCreateInstance(CLSID_KyObjectCollectionFactory, nullptr, CLSCTX_INPROC_SERVER,
-                                       IID_IKyObjectCollectionFactory, &factory));
-    return factory;
+    return CreateInstance<IKyObjectCollectionFactory>(CLSID_KyObjectCollectionFactory);
 }
 
 KYOBJECTCOLLECTIONTYPE TypeOf(IKyObjectCollection* c) {

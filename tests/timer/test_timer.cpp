@@ -111,33 +111,28 @@ TEST(SystemTimer, IsOneObjectForTheProcessAndRefusesAggregation) {
     EXPECT_EQ(nullptr, inner);
 }
 
-TEST(SystemTimer, ACountedTimerFiresExactlyItsCountAndThenIsGone) {
+// Sets a timer of `count` expiries and checks that exactly those arrive,
+// all for that timer and value, and that the timer is gone afterwards.
+void ExpectExactly(ULONG count, ULONG user) {
     auto sink = Sink::Make();
     UINT id = 0;
-    ASSERT_HR(S_OK, Timer()->SetTimer(50, 3, 0xABCD, sink.Get(), &id));
+    ASSERT_HR(S_OK, Timer()->SetTimer(50, count, user, sink.Get(), &id));
     ASSERT_NE(0u, id);
-    ASSERT_TRUE(sink->WaitFor(3));
+    ASSERT_TRUE(sink->WaitFor(count));
     ::Sleep(kQuietMs);
     auto calls = sink->Calls();
-    ASSERT_EQ(3u, calls.size());
+    ASSERT_EQ(count, calls.size());
     for (const Call& call : calls) {
         EXPECT_EQ(id, call.id);
-        EXPECT_EQ(0xABCDu, call.user);
+        EXPECT_EQ(user, call.user);
     }
     EXPECT_HR(S_FALSE, Timer()->KillTimer(id));
     EXPECT_TRUE(sink->WaitUntilOnlyOursRemain());
 }
 
-TEST(SystemTimer, ACountOfOneFiresOnce) {
-    auto sink = Sink::Make();
-    UINT id = 0;
-    ASSERT_HR(S_OK, Timer()->SetTimer(50, 1, 7, sink.Get(), &id));
-    ASSERT_TRUE(sink->WaitFor(1));
-    ::Sleep(kQuietMs);
-    EXPECT_EQ(1u, sink->Count());
-    EXPECT_HR(S_FALSE, Timer()->KillTimer(id));
-    EXPECT_TRUE(sink->WaitUntilOnlyOursRemain());
-}
+TEST(SystemTimer, ACountedTimerFiresExactlyItsCountAndThenIsGone) { ExpectExactly(3, 0xABCD); }
+
+TEST(SystemTimer, ACountOfOneFiresOnce) { ExpectExactly(1, 7); }
 
 TEST(SystemTimer, ACountOfZeroFiresUntilKilled) {
     auto sink = Sink::Make();
