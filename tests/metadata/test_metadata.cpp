@@ -42,12 +42,14 @@ MetaData Create() {
     return m;
 }
 
-std::wstring Decode(IKyObjectMetaData* meta, ULONG state, HRESULT* hr) {
+// "text|rule" for a state decoded by a rule, "text|fallback" for one decoded
+// by the otherwise text; a null text reads "<null>".
+std::wstring Decode(IKyObjectMetaData* meta, ULONG state) {
     BSTR text = reinterpret_cast<BSTR>(1);
-    *hr = meta->DecodeState(state, &text);
+    HRESULT hr = meta->DecodeState(state, &text);
     std::wstring result = text ? std::wstring(text, ::SysStringLen(text)) : L"<null>";
     ::SysFreeString(text);
-    return result;
+    return result + (hr == S_OK ? L"|rule" : hr == S_FALSE ? L"|fallback" : L"|failed");
 }
 
 GUID Guid(unsigned long data1, unsigned char last = 0) {
@@ -65,74 +67,59 @@ std::vector<GUID> Drain(IEnumGUID* e) {
 
 TEST(MetaData, EveryRequestGetsANewObjectAndAggregationIsRefused) {
     MetaData a = Create(), b = Create();
-    ComPtr<IUnknown> ua, ub;
-    a.get.As(&ua);
-    b.get.As(&ub);
-    EXPECT_NE(ua.Get(), ub.Get());
+    EXPECT_NE(a.get.Get(), b.get.Get());
     IUnknown* inner = reinterpret_cast<IUnknown*>(1);
-    EXPECT_HR(CLASS_E_NOAGGREGATION, ::CoCreateInstance(CLSID_KyObjectMetaData, ua.Get(), CLSCTX_INPROC_SERVER,
+    EXPECT_HR(CLASS_E_NOAGGREGATION, ::CoCreateInstance(CLSID_KyObjectMetaData, a.get.Get(), CLSCTX_INPROC_SERVER,
                                                          IID_IUnknown, reinterpret_cast<void**>(&inner)));
     EXPECT_EQ(nullptr, inner);
 }
 
 TEST(MetaData, TheFirstMatchingRuleDecidesAndTheOtherwiseTextIsTheFallback) {
     MetaData m = Create();
-    HRESULT hr;
-    // Nothing added yet: a null text, decoded by the (absent) fallback.
-    EXPECT_EQ(L"<null>", Decode(m.get.Get(), 1, &hr));
-    EXPECT_HR(S_FALSE, hr);
-
+    EXPECT_EQ(L"<null>|fallback", Decode(m.get.Get(), 1));  // nothing added yet
     ASSERT_HR(S_OK, m.set->AddDecodeStateRule(KYDSR_ONE, 0x3, Text(L"A")));
     ASSERT_HR(S_OK, m.set->AddDecodeStateRule(KYDSR_EQUAL, 0x1, Text(L"B")));
     ASSERT_HR(S_OK, m.set->AddDecodeStateRule(KYDSR_OTHERWISE, 0, Text(L"C")));
-    EXPECT_EQ(L"A", Decode(m.get.Get(), 1, &hr));  // B would match too, but comes later
-    EXPECT_HR(S_OK, hr);
-    EXPECT_EQ(L"C", Decode(m.get.Get(), 4, &hr));
-    EXPECT_HR(S_FALSE, hr);
-
+    EXPECT_EQ(L"A|rule", Decode(m.get.Get(), 1));  // B matches too, but comes later
+    EXPECT_EQ(L"C|fallback", Decode(m.get.Get(), 4));
     // A second fallback is refused and the first one stays.
     EXPECT_HR(E_UNEXPECTED, m.set->AddDecodeStateRule(KYDSR_OTHERWISE, 0, Text(L"D")));
-    EXPECT_EQ(L"C", Decode(m.get.Get(), 4, &hr));
+    EXPECT_EQ(L"C|fallback", Decode(m.get.Get(), 4));
     EXPECT_HR(E_POINTER, m.get->DecodeState(1, nullptr));
 }
 
 TEST(MetaData, RuleKindsMatchByTheirOwnTest) {
     MetaData m = Create();
     ASSERT_HR(S_OK, m.set->AddDecodeStateRule(KYDSR_MASK, 0x6, Text(L"all of 6")));
-    ASSERT_HR(S_OK, m.set->AddDecodeStateRule(KYDSR_EQUAL, 0, Text(L"zero")));
+    ASSERT_HR(S_OK, m.set->AddDecodeStateRule(KYDSR_EQUAL, 0, Text(L"zero")));  // mask 0 is fine here
     ASSERT_HR(S_OK, m.set->AddDecodeStateRule(KYDSR_ONE, 0x100, nullptr));
-    HRESULT hr;
-    EXPECT_EQ(L"all of 6", Decode(m.get.Get(), 0x7, &hr));
-    EXPECT_HR(S_OK, hr);
-    EXPECT_EQ(L"<null>", Decode(m.get.Get(), 0x5, &hr));  // 0x4 of the mask missing; no fallback either
-    EXPECT_HR(S_FALSE, hr);
-    EXPECT_EQ(L"zero", Decode(m.get.Get(), 0, &hr));  // an EQUAL rule may have mask 0
-    EXPECT_HR(S_OK, hr);
-    EXPECT_EQ(L"<null>", Decode(m.get.Get(), 0x101, &hr));  // a rule added without text
-    EXPECT_HR(S_OK, hr);
-}
-
-TEST(MetaData, RuleTextsKeepEmbeddedZeros) {
-    MetaData m = Create();
-    BSTR text = ::SysAllocStringLen(L"a\0b", 3);
-    ASSERT_HR(S_OK, m.set->AddDecodeStateRule(KYDSR_EQUAL, 9, text));
-    ::SysFreeString(text);  // the object keeps its own copy
-    HRESULT hr;
-    EXPECT_EQ(std::wstring(L"a\0b", 3), Decode(m.get.Get(), 9, &hr));
+    BSTR zeros = ::SysAllocStringLen(L"a\0b", 3);
+    ASSERT_HR(S_OK, m.set->AddDecodeStateRule(KYDSR_EQUAL, 9, zeros));
+    ::SysFreeString(zeros);  // the object keeps a copy of its own
+    EXPECT_EQ(L"all of 6|rule", Decode(m.get.Get(), 0x7));
+    EXPECT_EQ(L"<null>|fallback", Decode(m.get.Get(), 0x5));  // 0x4 of the mask is missing
+    EXPECT_EQ(L"zero|rule", Decode(m.get.Get(), 0));
+    EXPECT_EQ(L"<null>|rule", Decode(m.get.Get(), 0x101));  // a rule added without text
+    EXPECT_EQ(std::wstring(L"a\0b|rule", 8), Decode(m.get.Get(), 9));
 }
 
 TEST(MetaData, BadRulesAreRefusedInTheirOrder) {
     MetaData m = Create();
     EXPECT_HR(E_INVALIDARG, m.set->AddDecodeStateRule(KYDSR_MASK, 0, Text(L"x")));
     EXPECT_HR(E_INVALIDARG, m.set->AddDecodeStateRule(KYDSR_ONE, 0, Text(L"x")));
+    // The mask is checked first only for the two kinds that need one.
     for (int kind : {0, 3, 5, 6, 7, 9, -1})
-        EXPECT_HR(E_UNEXPECTED, m.set->AddDecodeStateRule(static_cast<KYDECODESTATERULE>(kind), 1, Text(L"x")))
-            << kind;
-    // The mask check comes first only for the two kinds that need a mask.
-    EXPECT_HR(E_UNEXPECTED, m.set->AddDecodeStateRule(static_cast<KYDECODESTATERULE>(3), 0, Text(L"x")));
-    HRESULT hr;
-    EXPECT_EQ(L"<null>", Decode(m.get.Get(), 1, &hr));  // nothing was stored
-    EXPECT_HR(S_FALSE, hr);
+        for (ULONG mask : {0ul, 1ul})
+            EXPECT_HR(E_UNEXPECTED, m.set->AddDecodeStateRule(static_cast<KYDECODESTATERULE>(kind), mask, Text(L"x")))
+                << kind;
+    EXPECT_EQ(L"<null>|fallback", Decode(m.get.Get(), 1));  // nothing was stored
+}
+
+// The handles that GetIcons answers for `types`, then its result.
+std::vector<LONG_PTR> Icons(IKyObjectMetaData* meta, std::vector<ULONG> types, HRESULT* hr) {
+    std::vector<LONG_PTR> handles(types.size(), -1);
+    *hr = meta->GetIcons(static_cast<unsigned>(types.size()), types.data(), handles.data());
+    return handles;
 }
 
 TEST(MetaData, IconTypesAreValidatedAndTheFirstHandleStays) {
@@ -142,93 +129,67 @@ TEST(MetaData, IconTypesAreValidatedAndTheFirstHandleStays) {
     for (ULONG bad : {0x103ul, 0x301ul, 0x001ul, 0x100ul, 0x120ul})
         EXPECT_HR(E_INVALIDARG, m.set->AddIcon(bad, 13)) << bad;
     EXPECT_HR(E_INVALIDARG, m.set->AddIcon(0x102, 0));
-    // Bits outside the examined ones make a type of its own.
-    EXPECT_HR(S_OK, m.set->AddIcon(0x10101, 14));
-    EXPECT_HR(S_OK, m.set->AddIcon(0x210, 15));
-
-    LONG_PTR icon = -1;
-    EXPECT_HR(S_OK, m.get->get_Icon(0x101, &icon));
-    EXPECT_EQ(11, icon);
-    EXPECT_HR(S_OK, m.get->get_Icon(0x10101, &icon));
-    EXPECT_EQ(14, icon);
-    icon = -1;
-    EXPECT_HR(E_FAIL, m.get->get_Icon(0x103, &icon));  // looked up, not validated
-    EXPECT_EQ(0, icon);
-    EXPECT_HR(E_POINTER, m.get->get_Icon(0x101, nullptr));
-}
-
-TEST(MetaData, IconListsReportPartialSuccess) {
-    MetaData m = Create();
-    ULONG types[3] = {0x101, 0x103, 0x202};
-    LONG_PTR handles[3] = {21, 22, 23};
-    EXPECT_HR(S_FALSE, m.set->AddIcons(2, types, handles));  // 0x103 is refused, 0x101 stays
+    EXPECT_HR(S_OK, m.set->AddIcon(0x10101, 14));  // other bits make a type of its own
+    ULONG types[3] = {0x210, 0x103, 0x202};
+    LONG_PTR handles[3] = {15, 16, 17};
+    EXPECT_HR(S_FALSE, m.set->AddIcons(2, types, handles));  // 0x103 is refused, 0x210 stays
     EXPECT_HR(E_FAIL, m.set->AddIcons(1, types + 1, handles + 1));
     EXPECT_HR(S_OK, m.set->AddIcons(1, types + 2, handles + 2));
     EXPECT_HR(E_POINTER, m.set->AddIcons(1, nullptr, handles));
     EXPECT_HR(E_POINTER, m.set->AddIcons(1, types, nullptr));
     EXPECT_HR(E_INVALIDARG, m.set->AddIcons(0, types, handles));
 
-    LONG_PTR got[3] = {-1, -1, -1};
-    EXPECT_HR(S_FALSE, m.get->GetIcons(3, types, got));
-    EXPECT_EQ(21, got[0]);
-    EXPECT_EQ(0, got[1]);
-    EXPECT_EQ(23, got[2]);
-    ULONG found[2] = {0x202, 0x101};
-    EXPECT_HR(S_OK, m.get->GetIcons(2, found, got));
-    EXPECT_EQ(23, got[0]);
-    EXPECT_EQ(21, got[1]);
-    got[0] = -1;
-    EXPECT_HR(E_FAIL, m.get->GetIcons(1, types + 1, got));
-    EXPECT_EQ(0, got[0]);
-    EXPECT_HR(E_POINTER, m.get->GetIcons(1, nullptr, got));
-    EXPECT_HR(E_INVALIDARG, m.get->GetIcons(0, types, got));
+    HRESULT hr;
+    EXPECT_EQ(std::vector<LONG_PTR>({11, 14, 15, 17}), Icons(m.get.Get(), {0x101, 0x10101, 0x210, 0x202}, &hr));
+    EXPECT_HR(S_OK, hr);
+    EXPECT_EQ(std::vector<LONG_PTR>({11, 0}), Icons(m.get.Get(), {0x101, 0x103}, &hr));
+    EXPECT_HR(S_FALSE, hr);
+    EXPECT_EQ(std::vector<LONG_PTR>({0}), Icons(m.get.Get(), {0x104}, &hr));
+    EXPECT_HR(E_FAIL, hr);
+    LONG_PTR icon = -1;
+    EXPECT_HR(E_FAIL, m.get->get_Icon(0x103, &icon));  // looked up, not validated
+    EXPECT_EQ(0, icon);
+    EXPECT_HR(E_POINTER, m.get->get_Icon(0x101, nullptr));
+    EXPECT_HR(E_POINTER, m.get->GetIcons(1, nullptr, handles));
+    EXPECT_HR(E_INVALIDARG, m.get->GetIcons(0, types, handles));
 }
 
 TEST(MetaData, SortingPreferenceHonoursOnlyVariantTrueAsAscending) {
     MetaData m = Create();
-    ULONG pref = 0;
-    EXPECT_HR(S_OK, m.get->get_SortingPreference(VARIANT_TRUE, &pref));
-    EXPECT_EQ(0xFFFFFFFFu, pref);
+    auto preference = [&](VARIANT_BOOL ascending) {
+        ULONG value = 0;
+        EXPECT_HR(S_OK, m.get->get_SortingPreference(ascending, &value));
+        return value;
+    };
+    EXPECT_EQ(0xFFFFFFFFu, preference(VARIANT_TRUE));
     EXPECT_HR(S_OK, m.set->put_SortingPreference(7, 9));  // both directions at once
-    EXPECT_HR(S_OK, m.get->get_SortingPreference(VARIANT_TRUE, &pref));
-    EXPECT_EQ(7u, pref);
-    EXPECT_HR(S_OK, m.get->get_SortingPreference(VARIANT_FALSE, &pref));
-    EXPECT_EQ(9u, pref);
-    EXPECT_HR(S_OK, m.get->get_SortingPreference(1, &pref));
-    EXPECT_EQ(9u, pref);
+    EXPECT_EQ(7u, preference(VARIANT_TRUE));
+    EXPECT_EQ(9u, preference(VARIANT_FALSE));
+    EXPECT_EQ(9u, preference(1));
     EXPECT_HR(E_POINTER, m.get->get_SortingPreference(VARIANT_TRUE, nullptr));
 }
 
 TEST(MetaData, AnUnsupportedInterfaceIsAnElementNotFound) {
     MetaData m = Create();
-    const GUID known = Guid(1);
-    EXPECT_HR(kElementNotFound, m.get->IsInterfaceSupported(known));
-    EXPECT_HR(S_OK, m.set->AddSupportedInterface(known));
-    EXPECT_HR(S_OK, m.set->AddSupportedInterface(known));  // kept once
-    EXPECT_HR(S_OK, m.get->IsInterfaceSupported(known));
-    EXPECT_HR(kElementNotFound, m.get->IsInterfaceSupported(Guid(2)));
-    EXPECT_HR(E_INVALIDARG, m.set->AddSupportedInterface(GUID_NULL));
-
-    // The code is the library's own and carries its text.
-    wchar_t* text = nullptr;
-    DWORD length = ::FormatMessageW(FORMAT_MESSAGE_FROM_HMODULE | FORMAT_MESSAGE_ALLOCATE_BUFFER |
-                                        FORMAT_MESSAGE_IGNORE_INSERTS,
-                                    LoadedDll(), kElementNotFound, 1033, reinterpret_cast<wchar_t*>(&text), 0, nullptr);
-    ASSERT_NE(0u, length);
-    EXPECT_EQ(L"Element was not found.\r\n", std::wstring(text));
-    ::LocalFree(text);
-}
-
-TEST(MetaData, InterfaceListsReportPartialSuccess) {
-    MetaData m = Create();
+    EXPECT_HR(kElementNotFound, m.get->IsInterfaceSupported(Guid(1)));
     IID list[3] = {Guid(1), GUID_NULL, Guid(2)};
     EXPECT_HR(S_FALSE, m.set->AddSupportedInterfaces(3, list));
     EXPECT_HR(E_FAIL, m.set->AddSupportedInterfaces(1, list + 1));
-    IID more[2] = {Guid(3), Guid(2)};  // one already present still counts as added
-    EXPECT_HR(S_OK, m.set->AddSupportedInterfaces(2, more));
+    IID again[2] = {Guid(2), Guid(1)};  // already there: kept once, and still a success
+    EXPECT_HR(S_OK, m.set->AddSupportedInterfaces(2, again));
     EXPECT_HR(E_POINTER, m.set->AddSupportedInterfaces(1, nullptr));
     EXPECT_HR(E_INVALIDARG, m.set->AddSupportedInterfaces(0, list));
+    EXPECT_HR(E_INVALIDARG, m.set->AddSupportedInterface(GUID_NULL));
     EXPECT_HR(S_OK, m.get->IsInterfaceSupported(Guid(2)));
+    EXPECT_HR(kElementNotFound, m.get->IsInterfaceSupported(Guid(3)));
+
+    // The code is the library's own and carries its text.
+    wchar_t* text = nullptr;
+    ASSERT_NE(0u, ::FormatMessageW(FORMAT_MESSAGE_FROM_HMODULE | FORMAT_MESSAGE_ALLOCATE_BUFFER |
+                                       FORMAT_MESSAGE_IGNORE_INSERTS,
+                                   LoadedDll(), kElementNotFound, 1033, reinterpret_cast<wchar_t*>(&text), 0, nullptr));
+    EXPECT_EQ(L"Element was not found.\r\n", std::wstring(text));
+    ::LocalFree(text);
 }
 
 TEST(MetaData, InterfacesAreEnumeratedInByteOrderByALiveView) {
@@ -318,15 +279,10 @@ TEST(MetaData, WorksThroughAProxyFromASingleThreadedApartment) {
     RunInApartment(COINIT_APARTMENTTHREADED, [&] {
         ComPtr<IKyObjectMetaData> proxy;
         ASSERT_HR(S_OK, ::CoGetInterfaceAndReleaseStream(marshaled, IID_IKyObjectMetaData, &proxy));
-        ULONG asked[3] = {0x208, 0x101, 0x104};
-        LONG_PTR got[3] = {-1, -1, -1};
-        EXPECT_HR(S_FALSE, proxy->GetIcons(3, asked, got));
-        EXPECT_EQ(32, got[0]);
-        EXPECT_EQ(0, got[1]);
-        EXPECT_EQ(31, got[2]);
         HRESULT hr;
-        EXPECT_EQ(L"flagged", Decode(proxy.Get(), 0x31, &hr));
-        EXPECT_HR(S_OK, hr);
+        EXPECT_EQ(std::vector<LONG_PTR>({32, 0, 31}), Icons(proxy.Get(), {0x208, 0x101, 0x104}, &hr));
+        EXPECT_HR(S_FALSE, hr);
+        EXPECT_EQ(L"flagged|rule", Decode(proxy.Get(), 0x31));
         EXPECT_HR(S_OK, proxy->IsInterfaceSupported(IID_IStream));
         EXPECT_HR(kElementNotFound, proxy->IsInterfaceSupported(IID_IStorage));
         ComPtr<IEnumGUID> e;
