@@ -1,6 +1,5 @@
 #include "dataexchange/objectcollection.h"
 
-#include <functional>
 #include <vector>
 
 #include "com/enumerator.h"
@@ -19,7 +18,8 @@ KYOBJECTCOLLECTIONTYPE TypeFromCount(ULONG count) {
 
 // Makes a collection, initialises it and hands it out; a collection whose
 // initialisation failed is destroyed.
-HRESULT MakeCollection(const std::function<HRESULT(CCoKyObjectCollection&)>& init, IKyObjectCollection** result) {
+template <class Init>
+HRESULT MakeCollection(Init&& init, IKyObjectCollection** result) {
     com::ComPtr<CCoKyObjectCollection> collection;
     HRESULT hr = CCoKyObjectCollection::Make(collection);
     if (FAILED(hr)) return hr;
@@ -112,8 +112,9 @@ STDMETHODIMP CCoKyObjectCollection::Clone(KYOBJECTCOLLECTIONCLONEPOLICY occpFlag
     *ppClonedCollection = nullptr;
     switch (occpFlags) {
         case KYOCCP_CLONEALL:
-            return MakeCollection([&](CCoKyObjectCollection& c) { return c.InitFromEnum(m_active.Get(), m_objects.Get(), m_type); },
-                                  ppClonedCollection);
+            return MakeCollection(
+                [&](CCoKyObjectCollection& c) { return c.InitFromEnum(m_active.Get(), m_objects.Get(), m_type); },
+                ppClonedCollection);
         case KYOCCP_CONVERTTOSINGLEOBJECT:
             return MakeCollection(
                 [&](CCoKyObjectCollection& c) {
