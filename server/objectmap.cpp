@@ -9,23 +9,23 @@
 
 // #include "logger/logger.h"
 
-// #include "dataexchange/stddataobject.h"
+#include "dataexchange/stddataobject.h"
 
-// #include "metadata/objectmetadata.h"
+#include "metadata/objectmetadata.h"
 
 // #include "tasks/tasks.h"
 
 // #include "helpers/helpers.h"
 
-// #include "dataexchange/objectcollection.h"
+#include "dataexchange/objectcollection.h"
 
-// #include "dataexchange/kyole.h"
+#include "dataexchange/kyole.h"
 
 // #include "strings/strings.h"
 
 // #include "sharedconfig/configuration.h"
 
-// #include "timer/systemtimer.h"
+#include "timer/systemtimer.h"
 
 // #include "strings/searchgroups.h"
 
@@ -43,18 +43,18 @@ using com::SingletonFactory;
 ObjectMapEntry g_objectMap[] = {
     // MakeObjectMapEntry<CKyLogger, SingletonFactory>(CLSID_KyLogger, IDR_KYLOGGER),
 
-    // MakeObjectMapEntry<CKyStdDataObject, ClassFactory>(CLSID_KyStdDataObject, IDR_KYSTDDATAOBJECT),
+    MakeObjectMapEntry<CKyStdDataObject, ClassFactory>(CLSID_KyStdDataObject, IDR_KYSTDDATAOBJECT),
 
-    // MakeObjectMapEntry<CCoKyObjectMetaData, ClassFactory>(CLSID_KyObjectMetaData, IDR_KYOBJECTMETADATA),
+    MakeObjectMapEntry<CCoKyObjectMetaData, ClassFactory>(CLSID_KyObjectMetaData, IDR_KYOBJECTMETADATA),
 
     // MakeObjectMapEntry<CKyTasks, SingletonFactory>(CLSID_KyTasks, IDR_KYTASKS),
 
     // MakeObjectMapEntry<CCoKyHelpers, ClassFactory>(CLSID_KyHelpers, IDR_KYHELPERS),
 
-    // MakeObjectMapEntry<CCoKyObjectCollectionFactory, SingletonFactory>(CLSID_KyObjectCollectionFactory,
-    //                                                                     IDR_KYOBJECTCOLLECTIONFACTORY),
+    MakeObjectMapEntry<CCoKyObjectCollectionFactory, SingletonFactory>(CLSID_KyObjectCollectionFactory,
+                                                                       IDR_KYOBJECTCOLLECTIONFACTORY),
 
-    // MakeObjectMapEntry<CCoKyOLE, SingletonFactory>(CLSID_KyOLE, IDR_KYOLE),
+    MakeObjectMapEntry<CCoKyOLE, SingletonFactory>(CLSID_KyOLE, IDR_KYOLE),
 
     // MakeObjectMapEntry<CCoKyStrings, ClassFactory>(CLSID_KyStrings, IDR_KYSTRINGS),
 
@@ -65,7 +65,7 @@ ObjectMapEntry g_objectMap[] = {
 
     MakeObjectMapEntry<CSTAObjectGodfather, SingletonFactory>(CLSID_STAObjectGodfather, IDR_STAOBJECTGODFATHER),
 
-    // MakeObjectMapEntry<CSystemTimer, SingletonFactory>(CLSID_SystemTimer, IDR_SYSTEMTIMER),
+    MakeObjectMapEntry<CSystemTimer, SingletonFactory>(CLSID_SystemTimer, IDR_SYSTEMTIMER),
 
     // MakeObjectMapEntry<CCoSearchAttributesGroup, ClassFactory>(CLSID_SearchAttributesGroup,
     //                                                             IDR_SEARCHATTRIBUTESGROUP),
