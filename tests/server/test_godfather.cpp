@@ -80,7 +80,7 @@ TEST(Godfather, InTheSameApartmentTheObjectItselfComesBack) {
     ASSERT_HR(S_OK, ::CoCreateInstance(CLSID_MTAObjectGodfather, nullptr, CLSCTX_INPROC_SERVER, IID_IObjectGodfather,
                                        &godfather));
     ComPtr<Probe> probe;
-    probe.Attach(new Probe);
+    *probe.ReleaseAndGetAddressOf() = new Probe;  // takes over the first reference
     IObjectGodfather* same = nullptr;
     ASSERT_HR(S_OK, godfather->IntroduceIntoApartment(reinterpret_cast<ULONG_PTR>(probe.Get()), IID_IObjectGodfather,
                                                       reinterpret_cast<void**>(&same)));
@@ -95,7 +95,7 @@ TEST(Godfather, RefusesBadArguments) {
     // The zero pointer is checked before the out pointer.
     EXPECT_HR(E_INVALIDARG, godfather->IntroduceIntoApartment(0, IID_IUnknown, nullptr));
     ComPtr<Probe> probe;
-    probe.Attach(new Probe);
+    *probe.ReleaseAndGetAddressOf() = new Probe;  // takes over the first reference
     EXPECT_HR(E_POINTER, godfather->IntroduceIntoApartment(reinterpret_cast<ULONG_PTR>(probe.Get()), IID_IUnknown,
                                                            nullptr));
     void* out = reinterpret_cast<void*>(1);
