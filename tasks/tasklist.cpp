@@ -84,6 +84,32 @@ private:
 
 CKyTasks::CKyTasks() : m_events(this, m_lock, DIID__IKyTasksEvents) { AddConnectionPoint(m_events); }
 
+STDMETHODIMP CKyTasks::Invoke(DISPID id, REFIID riid, LCID lcid, WORD flags, DISPPARAMS* params, VARIANT* result,
+                              EXCEPINFO* excepInfo, UINT* argErr) {
+    using Base = com::DispatchImpl<IKyTasks>;
+    // JScript's Enumerator asks for the enumerator as a method.
+    if (id == DISPID_NEWENUM && (flags & DISPATCH_METHOD)) flags |= DISPATCH_PROPERTYGET;
+    // A script cannot pass a null interface pointer: null, an empty value or
+    // a left-out argument stand for "no cancel callback" in Add.
+    if (id == kAddDispId && params && params->cNamedArgs == 0 && (params->cArgs == 2 || params->cArgs == 3)) {
+        const VARIANT* callback = params->cArgs == 3 ? &params->rgvarg[0] : nullptr;
+        VARTYPE type = callback ? V_VT(callback) : static_cast<VARTYPE>(VT_EMPTY);
+        bool missing = type == VT_ERROR && V_ERROR(callback) == DISP_E_PARAMNOTFOUND;
+        if (type == VT_EMPTY || type == VT_NULL || missing) {
+            // Arguments are in reverse order: the callback comes first.
+            VARIANT args[3];
+            VariantInit(&args[0]);
+            V_VT(&args[0]) = VT_UNKNOWN;
+            V_UNKNOWN(&args[0]) = nullptr;
+            args[1] = params->rgvarg[params->cArgs - 2];
+            args[2] = params->rgvarg[params->cArgs - 1];
+            DISPPARAMS completed{args, nullptr, 3, 0};
+            return Base::Invoke(id, riid, lcid, flags, &completed, result, excepInfo, argErr);
+        }
+    }
+    return Base::Invoke(id, riid, lcid, flags, params, result, excepInfo, argErr);
+}
+
 STDMETHODIMP CKyTasks::get_Count(LONG* pnCount) {
     if (!pnCount) return E_POINTER;
     com::Lock lock(m_lock);
@@ -162,7 +188,9 @@ STDMETHODIMP CKyTasks::Remove(IKyTask* pTask) {
     com::ComPtr<IUnknown> removed;
     {
         com::Lock lock(m_lock);
-        auto found = std::find(m_tasks.begin(), m_tasks.end(), identity);
+        // (ComPtr has no equality of its own: compare the pointers.)
+        auto found = std::find_if(m_tasks.begin(), m_tasks.end(),
+                                  [&](const com::ComPtr<IUnknown>& task) { return task.Get() == identity.Get(); });
         if (found == m_tasks.end()) return E_UNEXPECTED;
         removed = std::move(*found);
         m_tasks.erase(found);

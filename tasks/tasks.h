@@ -21,6 +21,8 @@ public:
     static constexpr DISPID kOnAdd = 1;
     static constexpr DISPID kOnRemove = 2;
     static constexpr DISPID kOnUpdate = 3;
+    // Dispatch identifier of IKyTasks::Add.
+    static constexpr DISPID kAddDispId = 0x60020003;
 
     CKyTasks();
 
@@ -31,6 +33,10 @@ public:
     STDMETHODIMP Add(BSTR bstrName, VARIANT_BOOL vbShowProgressDialog, ICancelAsyncOperation* pCancelAsyncOperation,
                      IKyTask** ppTask) override;
     STDMETHODIMP Remove(IKyTask* pTask) override;
+
+    // IDispatch, made friendlier to script hosts.
+    STDMETHODIMP Invoke(DISPID id, REFIID riid, LCID lcid, WORD flags, DISPPARAMS* params, VARIANT* result,
+                        EXCEPINFO* excepInfo, UINT* argErr) override;
 
     // Tells the listeners that a task changed; returns what the last one
     // called answered (S_OK when nobody listens).
