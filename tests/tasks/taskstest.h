@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "com/object.h"
+#include "eventsinkbase.h"
 #include "kytest.h"
 
 namespace ky::test {
@@ -38,20 +39,8 @@ struct Event {
 
 // A listener of _IKyTasksEvents as script engines and class wizards make
 // them: an IDispatch that answers the event interface's identifier.
-class EventSink : public com::Object<EventSink, IDispatch> {
+class EventSink : public EventSinkBase<EventSink> {
 public:
-    HRESULT QueryOther(REFIID riid, void** ppv) {
-        if (!IsEqualIID(riid, DIID__IKyTasksEvents)) return E_NOINTERFACE;
-        *ppv = static_cast<IDispatch*>(this);
-        AddRef();
-        return S_OK;
-    }
-    STDMETHODIMP GetTypeInfoCount(UINT* count) override {
-        *count = 0;
-        return S_OK;
-    }
-    STDMETHODIMP GetTypeInfo(UINT, LCID, ITypeInfo**) override { return E_NOTIMPL; }
-    STDMETHODIMP GetIDsOfNames(REFIID, LPOLESTR*, UINT, LCID, DISPID*) override { return E_NOTIMPL; }
     STDMETHODIMP Invoke(DISPID id, REFIID riid, LCID lcid, WORD flags, DISPPARAMS* params, VARIANT* retval,
                         EXCEPINFO*, UINT*) override {
         Event event{id, flags, lcid, IsEqualIID(riid, IID_NULL) != FALSE, params->cNamedArgs, {}, nullptr, 0,
