@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "com/object.h"
+#include "com/raii.h"
 #include "kytest.h"
 
 namespace ky::test {
@@ -22,7 +23,7 @@ using Microsoft::WRL::ComPtr;
 // One OnMessage call as the listener saw it.
 struct Heard {
     ULONG channel;
-    KYEVENTTYPES type;
+    ULONG type;
     std::wstring text;
     bool hasHint;
     VARTYPE hintType;
@@ -34,14 +35,9 @@ struct Heard {
 class Listener : public com::Object<Listener, _IKyLoggerEvents> {
 public:
     STDMETHODIMP OnMessage(ULONG channel, KYEVENTTYPES type, BSTR text, VARIANT* hint, ULONG thread) override {
-        Heard heard{channel,
-                    type,
-                    std::wstring(text ? text : L"", ::SysStringLen(text)),
-                    hint != nullptr,
-                    hint ? V_VT(hint) : static_cast<VARTYPE>(VT_EMPTY),
-                    hint && V_VT(hint) == VT_I4 ? V_I4(hint) : 0,
-                    thread,
-                    ::GetCurrentThreadId()};
+        Heard heard{channel, ULONG(type), text ? std::wstring(text, ::SysStringLen(text)) : std::wstring(),
+                    hint != nullptr, hint ? V_VT(hint) : VARTYPE(VT_EMPTY), hint && V_VT(hint) == VT_I4 ? V_I4(hint) : 0,
+                    thread, ::GetCurrentThreadId()};
         {
             std::lock_guard<std::mutex> lock(m_mutex);
             m_heard.push_back(heard);
@@ -49,19 +45,14 @@ public:
         if (onMessage) onMessage(heard);
         return result;
     }
-
-    std::vector<Heard> HeardSoFar() {
+    std::vector<Heard> All() {
         std::lock_guard<std::mutex> lock(m_mutex);
         return m_heard;
     }
     std::vector<std::wstring> Texts() {
         std::vector<std::wstring> texts;
-        for (const Heard& heard : HeardSoFar()) texts.push_back(heard.text);
+        for (const Heard& heard : All()) texts.push_back(heard.text);
         return texts;
-    }
-    void Forget() {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_heard.clear();
     }
 
     HRESULT result = S_OK;
@@ -72,10 +63,20 @@ private:
     std::vector<Heard> m_heard;
 };
 
-inline ComPtr<Listener> NewListener() {
-    ComPtr<Listener> listener;
-    EXPECT_HR(S_OK, Listener::Make(listener));
-    return listener;
+inline VARIANT Number(LONG value) {
+    VARIANT v;
+    V_VT(&v) = VT_I4;
+    V_I4(&v) = value;
+    return v;
+}
+
+// Sends a text message through any logger pointer.
+inline HRESULT LogText(IKyLogger* logger, ULONG channel, ULONG type, const std::wstring& text,
+                       VARIANT* hint = nullptr) {
+    com::Variant message;
+    V_VT(&message) = VT_BSTR;
+    V_BSTR(&message) = ::SysAllocString(text.c_str());
+    return logger->Log(channel, KYEVENTTYPES(type), &message, hint);
 }
 
 // The logger is one object for the whole process: every test registers its
@@ -93,9 +94,7 @@ protected:
     }
 
     void Channel(ULONG id, const wchar_t* name, ULONG mask) {
-        BSTR text = ::SysAllocString(name);
-        EXPECT_HR(S_OK, logger->RegisterChannel(id, text, mask));
-        ::SysFreeString(text);
+        EXPECT_HR(S_OK, logger->RegisterChannel(id, com::Bstr(name), mask));
         m_channels.push_back(id);
     }
     ULONG Advise(_IKyLoggerEvents* listener) {
@@ -104,18 +103,14 @@ protected:
         m_cookies.push_back(cookie);
         return cookie;
     }
-    ComPtr<Listener> AdvisedListener() {
-        ComPtr<Listener> listener = NewListener();
-        Advise(listener.Get());
+    ComPtr<Listener> NewListener(bool advised = true) {
+        ComPtr<Listener> listener;
+        EXPECT_HR(S_OK, Listener::Make(listener));
+        if (advised) Advise(listener.Get());
         return listener;
     }
-    HRESULT Log(ULONG channel, ULONG type, const wchar_t* text, VARIANT* hint = nullptr) {
-        VARIANT message;
-        V_VT(&message) = VT_BSTR;
-        V_BSTR(&message) = ::SysAllocString(text);
-        HRESULT hr = logger->Log(channel, static_cast<KYEVENTTYPES>(type), &message, hint);
-        ::VariantClear(&message);
-        return hr;
+    HRESULT Log(ULONG channel, ULONG type, const std::wstring& text, VARIANT* hint = nullptr) {
+        return LogText(logger.Get(), channel, type, text, hint);
     }
 
     ComPtr<IKyLogger> logger;

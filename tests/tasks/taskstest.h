@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "com/object.h"
+#include "com/raii.h"
 #include "eventsinkbase.h"
 #include "kytest.h"
 
@@ -30,26 +31,24 @@ struct Event {
     WORD flags;
     LCID lcid;
     bool nullIid;
-    UINT namedArgs;
     std::vector<VARTYPE> types;  // in DISPPARAMS order (last argument first)
     IUnknown* task;              // identity of the VT_DISPATCH argument, for comparison only
     ULONG update;                // the VT_UI4 argument of OnUpdate
     DWORD calledOn;
 };
 
-// A listener of _IKyTasksEvents as script engines and class wizards make
-// them: an IDispatch that answers the event interface's identifier.
+// A listener as script engines and class wizards make them: an IDispatch
+// that answers the event interface's identifier.
 class EventSink : public EventSinkBase<EventSink> {
 public:
     STDMETHODIMP Invoke(DISPID id, REFIID riid, LCID lcid, WORD flags, DISPPARAMS* params, VARIANT* retval,
                         EXCEPINFO*, UINT*) override {
-        Event event{id, flags, lcid, IsEqualIID(riid, IID_NULL) != FALSE, params->cNamedArgs, {}, nullptr, 0,
-                    ::GetCurrentThreadId()};
+        Event event{id, flags, lcid, IsEqualIID(riid, IID_NULL) != FALSE, {}, nullptr, 0, ::GetCurrentThreadId()};
         for (UINT i = 0; i < params->cArgs; ++i) {
             const VARIANT& arg = params->rgvarg[i];
             event.types.push_back(V_VT(&arg));
             if (V_VT(&arg) == VT_UI4) event.update = V_UI4(&arg);
-            if (V_VT(&arg) == VT_DISPATCH && V_DISPATCH(&arg)) {
+            if (V_VT(&arg) == VT_DISPATCH) {
                 ComPtr<IUnknown> identity;
                 V_DISPATCH(&arg)->QueryInterface(IID_PPV_ARGS(&identity));
                 event.task = identity.Get();
@@ -63,16 +62,11 @@ public:
         if (onEvent) onEvent(event, *params);
         return result;
     }
-
     std::vector<Event> Events() {
         std::lock_guard<std::mutex> lock(m_mutex);
         return m_events;
     }
     size_t Count() { return Events().size(); }
-    void Forget() {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_events.clear();
-    }
 
     HRESULT result = S_OK;
     std::function<void(const Event&, DISPPARAMS&)> onEvent;
@@ -86,7 +80,6 @@ private:
 class Canceller : public com::Object<Canceller, ICancelAsyncOperation> {
 public:
     STDMETHODIMP get_Status(ULONG* status) override {
-        if (!status) return E_POINTER;
         *status = 0;
         return S_OK;
     }
@@ -105,14 +98,20 @@ ComPtr<T> New() {
     return object;
 }
 
-// The identity of a COM object.
 inline IUnknown* IdentityOf(IUnknown* object) {
     ComPtr<IUnknown> identity;
     object->QueryInterface(IID_PPV_ARGS(&identity));
     return identity.Get();
 }
 
-inline std::wstring Text(BSTR text) { return text ? std::wstring(text, ::SysStringLen(text)) : std::wstring(); }
+inline std::wstring Text(BSTR text) { return text ? std::wstring(text, ::SysStringLen(text)) : L"(null)"; }
+
+inline VARIANT Index(LONG value) {
+    VARIANT v;
+    V_VT(&v) = VT_I4;
+    V_I4(&v) = value;
+    return v;
+}
 
 // The task list is one object for the whole process: the fixture takes away
 // every task and listener a test leaves behind.
@@ -126,13 +125,8 @@ protected:
     }
     void TearDown() override {
         for (DWORD cookie : m_cookies) point->Unadvise(cookie);
-        LONG count = 0;
-        while (SUCCEEDED(tasks->get_Count(&count)) && count > 0) {
-            VARIANT first;
-            V_VT(&first) = VT_I4;
-            V_I4(&first) = 0;
-            ComPtr<IKyTask> task;
-            if (FAILED(tasks->get_Item(first, &task)) || FAILED(tasks->Remove(task.Get()))) break;
+        ComPtr<IKyTask> first;
+        while (SUCCEEDED(tasks->get_Item(Index(0), &first)) && SUCCEEDED(tasks->Remove(first.Get()))) {
         }
         point.Reset();
         tasks.Reset();
@@ -140,10 +134,8 @@ protected:
 
     ComPtr<IKyTask> Add(const wchar_t* name, VARIANT_BOOL show = VARIANT_FALSE,
                         ICancelAsyncOperation* cancel = nullptr) {
-        BSTR text = ::SysAllocString(name);
         ComPtr<IKyTask> task;
-        EXPECT_HR(S_OK, tasks->Add(text, show, cancel, &task));
-        ::SysFreeString(text);
+        EXPECT_HR(S_OK, tasks->Add(com::Bstr(name), show, cancel, &task));
         return task;
     }
     DWORD Advise(EventSink* sink) {
@@ -157,16 +149,10 @@ protected:
         Advise(sink.Get());
         return sink;
     }
-    ComPtr<IKyTask> Item(VARIANT index, HRESULT expected = S_OK) {
+    IKyTask* Item(VARIANT index, HRESULT expected = S_OK) {
         ComPtr<IKyTask> task;
         EXPECT_HR(expected, tasks->get_Item(index, &task));
-        return task;
-    }
-    ComPtr<IKyTask> Item(LONG index, HRESULT expected = S_OK) {
-        VARIANT v;
-        V_VT(&v) = VT_I4;
-        V_I4(&v) = index;
-        return Item(v, expected);
+        return task.Get();  // for comparison: the list holds it
     }
     LONG Count() {
         LONG count = -1;

@@ -27,7 +27,7 @@ TEST_F(Stress, EightThreadsWorkTheListWhileListenersComeAndGo) {
     for (int t = 0; t < kThreads; ++t) {
         threads.emplace_back([&, t] {
             ::CoInitializeEx(nullptr, COINIT_MULTITHREADED);
-            BSTR name = ::SysAllocString((L"Worker " + std::to_wstring(t)).c_str());
+            com::Bstr name((L"Worker " + std::to_wstring(t)).c_str());
             for (int i = 0; i < kTasks; ++i) {
                 ComPtr<IKyTask> task;
                 EXPECT_HR(S_OK, list->Add(name, VARIANT_FALSE, nullptr, &task));
@@ -41,7 +41,6 @@ TEST_F(Stress, EightThreadsWorkTheListWhileListenersComeAndGo) {
                 ComPtr<IUnknown> snapshot;
                 EXPECT_HR(S_OK, list->get__NewEnum(&snapshot));
             }
-            ::SysFreeString(name);
             ::CoUninitialize();
         });
     }
