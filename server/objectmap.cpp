@@ -7,13 +7,13 @@
 // Each service's header sits on a line of its own, so that services can be
 // added independently.
 
-// #include "logger/logger.h"
+#include "logger/logger.h"
 
 #include "dataexchange/stddataobject.h"
 
 #include "metadata/objectmetadata.h"
 
-// #include "tasks/tasks.h"
+#include "tasks/tasks.h"
 
 // #include "helpers/helpers.h"
 
@@ -41,13 +41,13 @@ using com::SingletonFactory;
 // One row per creatable class, in the fixed order of registration and
 // class-object lookup. Rows are kept apart by blank lines.
 ObjectMapEntry g_objectMap[] = {
-    // MakeObjectMapEntry<CKyLogger, SingletonFactory>(CLSID_KyLogger, IDR_KYLOGGER),
+    MakeObjectMapEntry<CKyLogger, SingletonFactory>(CLSID_KyLogger, IDR_KYLOGGER),
 
     MakeObjectMapEntry<CKyStdDataObject, ClassFactory>(CLSID_KyStdDataObject, IDR_KYSTDDATAOBJECT),
 
     MakeObjectMapEntry<CCoKyObjectMetaData, ClassFactory>(CLSID_KyObjectMetaData, IDR_KYOBJECTMETADATA),
 
-    // MakeObjectMapEntry<CKyTasks, SingletonFactory>(CLSID_KyTasks, IDR_KYTASKS),
+    MakeObjectMapEntry<CKyTasks, SingletonFactory>(CLSID_KyTasks, IDR_KYTASKS),
 
     // MakeObjectMapEntry<CCoKyHelpers, ClassFactory>(CLSID_KyHelpers, IDR_KYHELPERS),
 
