@@ -2,6 +2,8 @@
 
 #include <oleauto.h>
 
+#include <string>
+
 #include <wrl/client.h>
 
 #include "objectmap.h"
@@ -101,17 +103,45 @@ HRESULT CKyUtilsModule::RegisterClasses(bool reg) {
     return S_OK;
 }
 
+namespace {
+
+// TypeLib\{LIBID}\<major>.<minor>\0: the library under the neutral locale.
+std::wstring NeutralLocaleKey(const TLIBATTR& lib) {
+    wchar_t libid[40];
+    ::StringFromGUID2(lib.guid, libid, 40);
+    return std::wstring(L"TypeLib\\") + libid + L"\\" + std::to_wstring(lib.wMajorVerNum) + L"." +
+           std::to_wstring(lib.wMinorVerNum) + L"\\0";
+}
+
+}  // namespace
+
 HRESULT CKyUtilsModule::RegisterTypeLibrary(bool reg) {
     const std::wstring path = Path();
     Microsoft::WRL::ComPtr<ITypeLib> typeLib;
     HRESULT hr = ::LoadTypeLibEx(path.c_str(), REGKIND_NONE, &typeLib);
     if (FAILED(hr)) return hr;
-    if (reg) return ::RegisterTypeLib(typeLib.Get(), const_cast<wchar_t*>(path.c_str()), nullptr);
     TLIBATTR* attr = nullptr;
     hr = typeLib->GetLibAttr(&attr);
     if (FAILED(hr)) return hr;
     TLIBATTR lib = *attr;
     typeLib->ReleaseTLibAttr(attr);
+    // The standard dispatch marshaler looks the library up for the neutral
+    // locale (Wine's only for it), and the library is registered for 0x409,
+    // so the neutral locale gets an entry of its own: without it a listener
+    // in another apartment cannot be handed the event dispinterface.
+    const std::wstring neutral = NeutralLocaleKey(lib);
+    const wchar_t* platform = lib.syskind == SYS_WIN64 ? L"\\win64" : L"\\win32";
+    if (reg) {
+        hr = ::RegisterTypeLib(typeLib.Get(), const_cast<wchar_t*>(path.c_str()), nullptr);
+        if (FAILED(hr) || lib.lcid == 0) return hr;
+        com::RegKey key;
+        LSTATUS status = key.Create(HKEY_CLASSES_ROOT, (neutral + platform).c_str(), KEY_WRITE);
+        if (status == ERROR_SUCCESS)
+            status = ::RegSetValueExW(key.Get(), nullptr, 0, REG_SZ, reinterpret_cast<const BYTE*>(path.c_str()),
+                                      static_cast<DWORD>((path.size() + 1) * sizeof(wchar_t)));
+        return HRESULT_FROM_WIN32(status);
+    }
+    if (lib.lcid != 0) ::RegDeleteTreeW(HKEY_CLASSES_ROOT, neutral.c_str());
     // Removing a library that is not registered is not a failure.
     BSTR registeredPath = nullptr;
     if (FAILED(::QueryPathOfRegTypeLib(lib.guid, lib.wMajorVerNum, lib.wMinorVerNum, lib.lcid, &registeredPath)))

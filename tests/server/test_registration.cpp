@@ -113,6 +113,13 @@ TEST_F(Registration, EachClassInTheMapWritesItsKeysAndNoOtherClassDoes) {
 
 TEST_F(Registration, RegistersTheTypeLibraryAndTheProxyStub) {
     EXPECT_EQ(Lower(m_path), Lower(RegValue(TypeLibKey())));
+    // Also for the neutral locale, where the dispatch marshaler looks.
+    std::wstring neutral = TypeLibKey();
+    neutral.replace(neutral.find(L"\\409\\"), 5, L"\\0\\");
+    EXPECT_EQ(Lower(m_path), Lower(RegValue(neutral)));
+    BSTR path = nullptr;
+    EXPECT_HR(S_OK, ::QueryPathOfRegTypeLib(LIBID_KyUtils, 1, 0, 0, &path));
+    ::SysFreeString(path);
     const std::wstring iface = L"Interface\\" + GuidText(IID_IObjectGodfather);
     std::wstring proxyStub = RegValue(iface + L"\\ProxyStubClsid32");
     ASSERT_NE(L"<missing>", proxyStub);
@@ -126,6 +133,7 @@ TEST_F(Registration, UnregisterRemovesEverythingAndRegisterBringsItBack) {
     ASSERT_HR(S_OK, m_unregister());
     for (const auto& c : kExpectedClasses) ExpectAbsent(c);
     EXPECT_FALSE(RegKeyExists(HKEY_CLASSES_ROOT, TypeLibKey()));
+    EXPECT_FALSE(RegKeyExists(HKEY_CLASSES_ROOT, L"TypeLib\\" + GuidText(LIBID_KyUtils)));
     EXPECT_FALSE(RegKeyExists(HKEY_CLASSES_ROOT, L"Interface\\" + GuidText(IID_IObjectGodfather)));
     // A second removal finds nothing to remove and still succeeds.
     EXPECT_HR(S_OK, m_unregister());

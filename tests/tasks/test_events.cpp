@@ -129,38 +129,7 @@ TEST_F(Events, ScriptsCallTheListAndItsTasksByName) {
     EXPECT_EQ(1, Count());
 }
 
-// Wine's marshaler for dispinterfaces looks the type library up for the
-// neutral locale only, and the library registers itself for 0x409: without
-// a neutral entry the sink's apartment cannot hand out _IKyTasksEvents (the
-// list then refuses the sink with CONNECT_E_CANNOTCONNECT). A client under
-// Wine adds that entry, as this one does for its own run.
-class NeutralTypeLibEntry {
-public:
-    NeutralTypeLibEntry() {
-        com::Bstr path;
-        if (SUCCEEDED(::QueryPathOfRegTypeLib(LIBID_KyUtils, 1, 0, 0, path.Out()))) return;
-        EXPECT_HR(S_OK, ::QueryPathOfRegTypeLib(LIBID_KyUtils, 1, 0, 0x409, path.Out()));
-        com::RegKey key;
-        m_added = key.Create(HKEY_CLASSES_ROOT, (Key() + (sizeof(void*) == 8 ? L"\\win64" : L"\\win32")).c_str(),
-                             KEY_WRITE) == ERROR_SUCCESS;
-        if (m_added) ::RegSetValueExW(key.Get(), nullptr, 0, REG_SZ, reinterpret_cast<const BYTE*>(path.Get()),
-                                      (path.Length() + 1) * sizeof(wchar_t));
-    }
-    ~NeutralTypeLibEntry() {
-        if (m_added) ::RegDeleteTreeW(HKEY_CLASSES_ROOT, Key().c_str());
-    }
-
-private:
-    static std::wstring Key() {
-        wchar_t libid[40];
-        ::StringFromGUID2(LIBID_KyUtils, libid, 40);
-        return std::wstring(L"TypeLib\\") + libid + L"\\1.0\\0";
-    }
-    bool m_added = false;
-};
-
 TEST_F(Events, ASinkInAnotherApartmentHearsThroughAProxy) {
-    NeutralTypeLibEntry entry;
     StaThread sta;
     ComPtr<EventSink> sink;
     IStream* stream = nullptr;
