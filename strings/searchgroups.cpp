@@ -220,7 +220,7 @@ STDMETHODIMP CCoSearchAttributesGroupSet::Add(ISearchAttributesGroup* pGroup) {
             return S_OK;
         }
         // A group already in the set has nothing to add to itself.
-        if (IdentityOf(m_groups[position].Get()) == IdentityOf(pGroup)) return S_OK;
+        if (IdentityOf(m_groups[position].Get()).Get() == IdentityOf(pGroup).Get()) return S_OK;
         // Merging leaves the set's dirty flag alone.
         return MergeAttributes(pGroup, m_groups[position].Get());
     });
