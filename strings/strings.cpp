@@ -111,10 +111,14 @@ STDMETHODIMP CCoKyStrings::Sort(VARIANT_BOOL vbAscending, long lFirstPos, long l
         // Anything but VARIANT_TRUE itself sorts descending.
         const HRESULT precedes = vbAscending == VARIANT_TRUE ? VARCMP_LT : VARCMP_GT;
         const ULONG flags = m_compareFlags;
-        std::stable_sort(m_items.begin() + static_cast<ptrdiff_t>(first), m_items.begin() + static_cast<ptrdiff_t>(end),
-                         [&](const com::Bstr& a, const com::Bstr& b) {
-                             return ::VarBstrCmp(a.Get(), b.Get(), LOCALE_USER_DEFAULT, flags) == precedes;
-                         });
+        // The sort moves bare handles; the owners take them back afterwards.
+        std::vector<BSTR> handles;
+        handles.reserve(end - first);
+        for (size_t i = first; i < end; ++i) handles.push_back(m_items[i].Detach());
+        std::stable_sort(handles.begin(), handles.end(), [&](BSTR a, BSTR b) {
+            return ::VarBstrCmp(a, b, LOCALE_USER_DEFAULT, flags) == precedes;
+        });
+        for (size_t i = first; i < end; ++i) m_items[i].Attach(handles[i - first]);
         return S_OK;
     });
 }
