@@ -53,31 +53,31 @@ void EqualityIndex::Build(const std::vector<com::Bstr>& items, ULONG flags) {
 }
 
 void EqualityIndex::Insert(BSTR item) noexcept {
-    if (!m_ready) return;
-    try {
-        uint64_t key;
-        if (KeyOf(item, &key)) {
-            m_buckets.emplace(key, item);
-            return;
-        }
-    } catch (...) {
-    }
-    Drop();
+    Follow(item, [&](uint64_t key) {
+        m_buckets.emplace(key, item);
+        return true;
+    });
 }
 
 void EqualityIndex::Erase(BSTR item) noexcept {
+    Follow(item, [&](uint64_t key) {
+        auto range = m_buckets.equal_range(key);
+        for (auto it = range.first; it != range.second; ++it) {
+            if (it->second == item) {
+                m_buckets.erase(it);
+                return true;
+            }
+        }
+        return false;
+    });
+}
+
+template <class Change>
+void EqualityIndex::Follow(BSTR item, Change&& change) noexcept {
     if (!m_ready) return;
     try {
         uint64_t key;
-        if (KeyOf(item, &key)) {
-            auto range = m_buckets.equal_range(key);
-            for (auto it = range.first; it != range.second; ++it) {
-                if (it->second == item) {
-                    m_buckets.erase(it);
-                    return;
-                }
-            }
-        }
+        if (KeyOf(item, &key) && change(key)) return;
     } catch (...) {
     }
     Drop();

@@ -44,6 +44,9 @@ public:
 
 private:
     bool KeyOf(BSTR text, uint64_t* key);
+    // Applies a change for the item's key; drops the index when that fails.
+    template <class Change>
+    void Follow(BSTR item, Change&& change) noexcept;
 
     std::unordered_multimap<uint64_t, BSTR> m_buckets;
     std::vector<BYTE> m_sortKey;

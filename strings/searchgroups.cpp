@@ -128,17 +128,6 @@ STDMETHODIMP CCoSearchAttributesGroup::get_Attributes(IStrings** ppAttributes) {
     return m_attributes.CopyTo(ppAttributes);
 }
 
-STDMETHODIMP CCoSearchAttributesGroup::GetClassID(CLSID* pClassID) {
-    if (!pClassID) return E_POINTER;
-    *pClassID = CLSID_SearchAttributesGroup;
-    return S_OK;
-}
-
-STDMETHODIMP CCoSearchAttributesGroup::IsDirty() {
-    com::Lock lock(m_lock);
-    return m_dirty ? S_OK : S_FALSE;
-}
-
 STDMETHODIMP CCoSearchAttributesGroup::Load(IStream* pStm) {
     if (!pStm) return E_POINTER;
     com::Lock lock(m_lock);
@@ -172,9 +161,7 @@ STDMETHODIMP CCoSearchAttributesGroup::Save(IStream* pStm, BOOL fClearDirty) {
     if (SUCCEEDED(hr)) hr = records::WriteString(pStm, m_name);
     if (SUCCEEDED(hr)) hr = records::WriteUInt32(pStm, m_active ? 1 : 0);
     if (SUCCEEDED(hr)) hr = records::WriteObject(pStm, m_attributes.Get());
-    if (FAILED(hr)) return hr;
-    if (fClearDirty) m_dirty = false;
-    return S_OK;
+    return SaveDone(hr, fClearDirty);
 }
 
 STDMETHODIMP CCoSearchAttributesGroup::GetSizeMax(ULARGE_INTEGER* pcbSize) {
@@ -251,17 +238,6 @@ STDMETHODIMP CCoSearchAttributesGroupSet::Reset() {
     return FAILED(hr) ? hr : S_OK;
 }
 
-STDMETHODIMP CCoSearchAttributesGroupSet::GetClassID(CLSID* pClassID) {
-    if (!pClassID) return E_POINTER;
-    *pClassID = CLSID_SearchAttributesGroupSet;
-    return S_OK;
-}
-
-STDMETHODIMP CCoSearchAttributesGroupSet::IsDirty() {
-    com::Lock lock(m_lock);
-    return m_dirty ? S_OK : S_FALSE;
-}
-
 STDMETHODIMP CCoSearchAttributesGroupSet::Load(IStream* pStm) {
     if (!pStm) return E_POINTER;
     return com::Guard([&]() -> HRESULT {
@@ -289,9 +265,7 @@ STDMETHODIMP CCoSearchAttributesGroupSet::Save(IStream* pStm, BOOL fClearDirty) 
     HRESULT hr = records::WriteUInt32(pStm, kFormatVersion);
     if (SUCCEEDED(hr)) hr = records::WriteUInt32(pStm, static_cast<ULONG>(m_groups.size()));
     for (size_t i = 0; SUCCEEDED(hr) && i < m_groups.size(); ++i) hr = records::WriteObject(pStm, m_groups[i].Get());
-    if (FAILED(hr)) return hr;
-    if (fClearDirty) m_dirty = false;
-    return S_OK;
+    return SaveDone(hr, fClearDirty);
 }
 
 STDMETHODIMP CCoSearchAttributesGroupSet::GetSizeMax(ULARGE_INTEGER* pcbSize) {

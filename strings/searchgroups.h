@@ -11,12 +11,16 @@
 #include "com/object.h"
 #include "com/raii.h"
 #include "kyutils.h"
+#include "strings/persistence.h"
 
 namespace ky {
 
+using GroupPersistence = PersistStreamImpl<CLSID_SearchAttributesGroup>;
+using GroupSetPersistence = PersistStreamImpl<CLSID_SearchAttributesGroupSet>;
+
 class CCoSearchAttributesGroup
-    : public com::Object<CCoSearchAttributesGroup, ISearchAttributesGroup, IPersistStream,
-                         com::Also<IPersist, IPersistStream>> {
+    : public com::Object<CCoSearchAttributesGroup, ISearchAttributesGroup, com::With<GroupPersistence>,
+                         com::Also<IPersist, GroupPersistence>> {
 public:
     static constexpr bool kAggregatable = true;
 
@@ -30,23 +34,19 @@ public:
     STDMETHODIMP get_Attributes(IStrings** ppAttributes) override;
 
     // IPersistStream
-    STDMETHODIMP GetClassID(CLSID* pClassID) override;
-    STDMETHODIMP IsDirty() override;
     STDMETHODIMP Load(IStream* pStm) override;
     STDMETHODIMP Save(IStream* pStm, BOOL fClearDirty) override;
     STDMETHODIMP GetSizeMax(ULARGE_INTEGER* pcbSize) override;
 
 private:
-    com::CriticalSection m_lock;
     com::Bstr m_name;
     com::ComPtr<IStrings> m_attributes;
     bool m_active = false;
-    bool m_dirty = false;
 };
 
 class CCoSearchAttributesGroupSet
-    : public com::Object<CCoSearchAttributesGroupSet, ISearchAttributesGroupSet, IPersistStream,
-                         com::Also<IPersist, IPersistStream>> {
+    : public com::Object<CCoSearchAttributesGroupSet, ISearchAttributesGroupSet, com::With<GroupSetPersistence>,
+                         com::Also<IPersist, GroupSetPersistence>> {
 public:
     static constexpr bool kAggregatable = true;
 
@@ -58,8 +58,6 @@ public:
     STDMETHODIMP Reset() override;
 
     // IPersistStream
-    STDMETHODIMP GetClassID(CLSID* pClassID) override;
-    STDMETHODIMP IsDirty() override;
     STDMETHODIMP Load(IStream* pStm) override;
     STDMETHODIMP Save(IStream* pStm, BOOL fClearDirty) override;
     STDMETHODIMP GetSizeMax(ULARGE_INTEGER* pcbSize) override;
@@ -73,9 +71,7 @@ private:
     bool FindNamed(BSTR name, IUnknown* identity, size_t* position);
     HRESULT AddBuiltIn(size_t which);
 
-    com::CriticalSection m_lock;
     std::vector<com::ComPtr<ISearchAttributesGroup>> m_groups;
-    bool m_dirty = false;
 };
 
 }  // namespace ky

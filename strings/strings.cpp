@@ -137,17 +137,6 @@ STDMETHODIMP CCoKyStrings::Invoke(DISPID id, REFIID riid, LCID lcid, WORD flags,
 
 // --- IPersistStream ----------------------------------------------------------
 
-STDMETHODIMP CCoKyStrings::GetClassID(CLSID* pClassID) {
-    if (!pClassID) return E_POINTER;
-    *pClassID = CLSID_KyStrings;
-    return S_OK;
-}
-
-STDMETHODIMP CCoKyStrings::IsDirty() {
-    com::Lock lock(m_lock);
-    return m_dirty ? S_OK : S_FALSE;
-}
-
 STDMETHODIMP CCoKyStrings::Load(IStream* pStm) {
     if (!pStm) return E_POINTER;
     return com::Guard([&]() -> HRESULT {
@@ -174,9 +163,7 @@ STDMETHODIMP CCoKyStrings::Save(IStream* pStm, BOOL fClearDirty) {
     com::Lock lock(m_lock);
     HRESULT hr = records::WriteUInt32(pStm, static_cast<ULONG>(m_items.size()));
     for (size_t i = 0; SUCCEEDED(hr) && i < m_items.size(); ++i) hr = records::WriteString(pStm, m_items[i].Get());
-    if (FAILED(hr)) return hr;
-    if (fClearDirty) m_dirty = false;
-    return S_OK;
+    return SaveDone(hr, fClearDirty);
 }
 
 STDMETHODIMP CCoKyStrings::GetSizeMax(ULARGE_INTEGER* pcbSize) {

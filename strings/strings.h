@@ -13,11 +13,15 @@
 #include "com/raii.h"
 #include "kyutils.h"
 #include "strings/equalityindex.h"
+#include "strings/persistence.h"
 
 namespace ky {
 
-class CCoKyStrings : public com::Object<CCoKyStrings, com::Dual<IStrings>, IPersistStream,
-                                        com::Also<IPersist, IPersistStream>, com::FreeThreaded> {
+using KyStringsPersistence = PersistStreamImpl<CLSID_KyStrings>;
+
+class CCoKyStrings
+    : public com::Object<CCoKyStrings, com::Dual<IStrings>, com::With<KyStringsPersistence>,
+                         com::Also<IPersist, KyStringsPersistence>, com::FreeThreaded> {
 public:
     static constexpr bool kAggregatable = true;
 
@@ -38,8 +42,6 @@ public:
                         EXCEPINFO* excepInfo, UINT* argErr) override;
 
     // IPersistStream
-    STDMETHODIMP GetClassID(CLSID* pClassID) override;
-    STDMETHODIMP IsDirty() override;
     STDMETHODIMP Load(IStream* pStm) override;
     STDMETHODIMP Save(IStream* pStm, BOOL fClearDirty) override;
     STDMETHODIMP GetSizeMax(ULARGE_INTEGER* pcbSize) override;
@@ -57,11 +59,9 @@ private:
     // Whether an element equals `text` under the comparison flags.
     bool HoldsEqual(BSTR text);
 
-    com::CriticalSection m_lock;
     std::vector<com::Bstr> m_items;
     bool m_unique = false;
     ULONG m_compareFlags = 0;
-    bool m_dirty = false;
     EqualityIndex m_index;
 };
 

@@ -3,8 +3,18 @@
 ' Run: cscript //nologo kystrings-vb.vbs
 Option Explicit
 
+' The elements in collection order, through the collection's enumerator.
+Function Joined(collection)
+    Dim word
+    Joined = ""
+    For Each word In collection
+        If Joined <> "" Then Joined = Joined & " "
+        Joined = Joined & word
+    Next
+End Function
+
 Sub Main()
-    Dim names, word, line
+    Dim names, word
     Set names = CreateObject("KyUtils.KyStrings")
     names.UniqueStrings = True
     names.CompareFlags = 1 ' NORM_IGNORECASE: "MAIL" is a repeat of "mail"
@@ -17,21 +27,11 @@ Sub Main()
     WScript.Echo "First: " & names.Item(0) & ", last: " & names(names.Count - 1)
     WScript.Echo "By text: " & names.Item("sn")
 
-    line = ""
-    For Each word In names
-        If line <> "" Then line = line & " "
-        line = line & word
-    Next
-    WScript.Echo "Sorted: " & line
+    WScript.Echo "Sorted: " & Joined(names)
 
     names.Sort False, 0, 0
     names.Remove "cn"
-    line = ""
-    For Each word In names
-        If line <> "" Then line = line & " "
-        line = line & word
-    Next
-    WScript.Echo "Descending without cn: " & line
+    WScript.Echo "Descending without cn: " & Joined(names)
 End Sub
 
 ' Lookups compare case-sensitively whatever CompareFlags says.
@@ -42,12 +42,13 @@ Sub ShowMissing()
     On Error Resume Next
     names.Item "SN"
     WScript.Echo "SN: 0x" & Hex(Err.Number)
+    Err.Clear
     On Error GoTo 0
 End Sub
 
 On Error Resume Next
 Main
-ShowMissing
+If Err.Number = 0 Then ShowMissing
 If Err.Number <> 0 Then
     WScript.Echo "Error 0x" & Hex(Err.Number) & ": " & Err.Description
     WScript.Quit 1

@@ -5,6 +5,15 @@ function hex(n) {
     return "0x" + (n < 0 ? n + 0x100000000 : n).toString(16).toUpperCase();
 }
 
+// The elements in collection order, through the collection's enumerator.
+function joined(collection) {
+    var line = "";
+    for (var items = new Enumerator(collection); !items.atEnd(); items.moveNext()) {
+        line += (line ? " " : "") + items.item();
+    }
+    return line;
+}
+
 try {
     var names = new ActiveXObject("KyUtils.KyStrings");
     names.UniqueStrings = true;
@@ -27,19 +36,11 @@ try {
         WScript.Echo("SN: " + hex(e.number));
     }
 
-    var line = "";
-    for (var items = new Enumerator(names); !items.atEnd(); items.moveNext()) {
-        line += (line ? " " : "") + items.item();
-    }
-    WScript.Echo("Sorted: " + line);
+    WScript.Echo("Sorted: " + joined(names));
 
     names.Sort(false, 0, 0);
     names.Remove("cn");
-    line = "";
-    for (var items = new Enumerator(names); !items.atEnd(); items.moveNext()) {
-        line += (line ? " " : "") + items.item();
-    }
-    WScript.Echo("Descending without cn: " + line);
+    WScript.Echo("Descending without cn: " + joined(names));
 } catch (e) {
     WScript.Echo("Error " + hex(e.number) + ": " + e.description);
     WScript.Quit(1);
