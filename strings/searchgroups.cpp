@@ -37,8 +37,8 @@ const BuiltInGroup kBuiltInGroups[] = {
      {L"c", L"st", L"street", L"homePostalAddress", L"postalAddress", L"registeredAddress", L"postalCode",
       L"postOfficeBox", L"x121Address", L"mail", L"roomNumber", L"physicalDeliveryOfficeName", L"l"}},
     {false,
-     {L"businessCategory", L"title", L"manager", L"secretary", L"employeeType", L"employeeNumber",
-      L"departmentNumber", L"userPKCS12", L"ou"}},
+     {L"businessCategory", L"title", L"manager", L"secretary", L"employeeType", L"employeeNumber", L"departmentNumber",
+      L"userPKCS12", L"ou"}},
 };
 static_assert(sizeof(kBuiltInGroups) / sizeof(kBuiltInGroups[0]) == IDS_SEARCHGROUP_LAST - IDS_SEARCHGROUP_FIRST + 1,
               "one name resource per built-in group");

@@ -115,9 +115,8 @@ STDMETHODIMP CCoKyStrings::Sort(VARIANT_BOOL vbAscending, long lFirstPos, long l
         std::vector<BSTR> handles;
         handles.reserve(end - first);
         for (size_t i = first; i < end; ++i) handles.push_back(m_items[i].Detach());
-        std::stable_sort(handles.begin(), handles.end(), [&](BSTR a, BSTR b) {
-            return ::VarBstrCmp(a, b, LOCALE_USER_DEFAULT, flags) == precedes;
-        });
+        std::stable_sort(handles.begin(), handles.end(),
+                         [&](BSTR a, BSTR b) { return ::VarBstrCmp(a, b, LOCALE_USER_DEFAULT, flags) == precedes; });
         for (size_t i = first; i < end; ++i) m_items[i].Attach(handles[i - first]);
         return S_OK;
     });

@@ -9,6 +9,7 @@
 
 #include <vector>
 
+#include "com/enumerator.h"
 #include "com/object.h"
 #include "com/raii.h"
 #include "kyutils.h"
@@ -19,9 +20,8 @@ namespace ky {
 
 using KyStringsPersistence = PersistStreamImpl<CLSID_KyStrings>;
 
-class CCoKyStrings
-    : public com::Object<CCoKyStrings, com::Dual<IStrings>, com::With<KyStringsPersistence>,
-                         com::Also<IPersist, KyStringsPersistence>, com::FreeThreaded> {
+class CCoKyStrings : public com::Object<CCoKyStrings, com::Dual<IStrings>, com::With<KyStringsPersistence>,
+                                        com::Also<IPersist, KyStringsPersistence>, com::FreeThreaded> {
 public:
     static constexpr bool kAggregatable = true;
 
@@ -65,11 +65,10 @@ private:
     EqualityIndex m_index;
 };
 
-// The enumerator of a string collection. It walks the live list through one
-// cursor, which its three faces (IEnumBSTR, IEnumVARIANT, IEnumString)
-// share; it keeps the collection alive.
 namespace detail {
 
+// One face of the enumerator: the interface's methods, passed on to the
+// enumerator with the conversion that the face hands elements out in.
 template <class Derived, class IEnum, class Item, class Convert>
 class StringsEnumFace : public IEnum {
 public:
@@ -82,17 +81,11 @@ public:
     STDMETHODIMP Clone(IEnum** ppEnum) override { return static_cast<Derived*>(this)->template CloneAs<IEnum>(ppEnum); }
 };
 
-// How each face hands out a copy of an element, and takes it back when a
-// later copy of the same call fails.
-struct ToBstr {
-    static HRESULT Copy(BSTR source, BSTR* target) { return com::Bstr::CopyOf(source, target); }
-    static void Clear(BSTR* target) {
-        ::SysFreeString(*target);
-        *target = nullptr;
-    }
-};
+// How the faces other than IEnumBSTR (which uses com::CopyTraits<BSTR>)
+// hand out a copy of an element, and take it back when a later copy of the
+// same call fails.
 struct ToVariant {
-    static HRESULT Copy(BSTR source, VARIANT* target) {
+    static HRESULT Copy(VARIANT* target, const BSTR& source) {
         ::VariantInit(target);
         BSTR copy = nullptr;
         HRESULT hr = com::Bstr::CopyOf(source, &copy);
@@ -105,7 +98,7 @@ struct ToVariant {
 };
 struct ToTaskString {
     // A null element is the empty string, handed out as such.
-    static HRESULT Copy(BSTR source, LPOLESTR* target) {
+    static HRESULT Copy(LPOLESTR* target, const BSTR& source) {
         UINT length = ::SysStringLen(source);
         *target = static_cast<LPOLESTR>(::CoTaskMemAlloc((length + 1) * sizeof(OLECHAR)));
         if (!*target) return E_OUTOFMEMORY;
@@ -121,11 +114,16 @@ struct ToTaskString {
 
 }  // namespace detail
 
+// The enumerator of a string collection. It walks the live list through one
+// cursor, which its three faces (IEnumBSTR, IEnumVARIANT, IEnumString)
+// share, and keeps the collection alive. The cursor is a position: elements
+// appended while it walks are reached, and removing elements changes what
+// it reaches next without ever making it invalid.
 class CKyStringsEnum
-    : public com::Object<CKyStringsEnum,
-                         com::With<detail::StringsEnumFace<CKyStringsEnum, IEnumBSTR, BSTR, detail::ToBstr>>,
-                         com::With<detail::StringsEnumFace<CKyStringsEnum, IEnumVARIANT, VARIANT, detail::ToVariant>>,
-                         com::With<detail::StringsEnumFace<CKyStringsEnum, IEnumString, LPOLESTR, detail::ToTaskString>>> {
+    : public com::Object<
+          CKyStringsEnum, com::With<detail::StringsEnumFace<CKyStringsEnum, IEnumBSTR, BSTR, com::CopyTraits<BSTR>>>,
+          com::With<detail::StringsEnumFace<CKyStringsEnum, IEnumVARIANT, VARIANT, detail::ToVariant>>,
+          com::With<detail::StringsEnumFace<CKyStringsEnum, IEnumString, LPOLESTR, detail::ToTaskString>>> {
 public:
     CKyStringsEnum(CCoKyStrings* strings, size_t position);
 
@@ -165,7 +163,7 @@ HRESULT CKyStringsEnum::Fetch(ULONG celt, Item* items, ULONG* fetched) {
     if (!m_strings) return E_UNEXPECTED;
     ULONG count = 0;
     HRESULT hr = m_strings->VisitFrom(
-        m_position, celt, [items](BSTR item, ULONG i) { return Convert::Copy(item, &items[i]); }, &count);
+        m_position, celt, [items](BSTR item, ULONG i) { return Convert::Copy(&items[i], item); }, &count);
     if (FAILED(hr)) {
         for (ULONG i = 0; i < count; ++i) Convert::Clear(&items[i]);
         return hr;

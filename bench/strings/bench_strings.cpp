@@ -18,7 +18,7 @@
 namespace {
 
 constexpr int kCount = 100000;
-constexpr int kProbes = 200;            // lookups, and adds to a full collection
+constexpr int kProbes = 200;               // lookups, and adds to a full collection
 constexpr ULONG kFlags = NORM_IGNORECASE;  // the search groups' flags
 
 // Distinct even without regard to case: a random word and a number.
@@ -79,10 +79,22 @@ int main() {
     {
         IStrings* strings = nullptr;
         std::vector<BSTR> copies;
-        double ours = Timed([&] { if (strings) strings->Release(); strings = NewStrings(false); },
-                            [&] { for (BSTR text : texts) strings->Add(text); });
-        double base = Timed([&] { Free(copies); copies.reserve(kCount); },
-                            [&] { for (BSTR text : texts) copies.push_back(::SysAllocString(text)); });
+        double ours = Timed(
+            [&] {
+                if (strings) strings->Release();
+                strings = NewStrings(false);
+            },
+            [&] {
+                for (BSTR text : texts) strings->Add(text);
+            });
+        double base = Timed(
+            [&] {
+                Free(copies);
+                copies.reserve(kCount);
+            },
+            [&] {
+                for (BSTR text : texts) copies.push_back(::SysAllocString(text));
+            });
         ky::bench::Report("Add, UniqueStrings off", ours, "vector push_back of copies", base, kCount);
         strings->Release();
         Free(copies);
@@ -93,8 +105,14 @@ int main() {
     // comparisons measured at full size.
     IStrings* full = NewStrings(true);
     {
-        double fill = Timed([&] { full->Release(); full = NewStrings(true); },
-                            [&] { for (BSTR text : texts) full->Add(text); });
+        double fill = Timed(
+            [&] {
+                full->Release();
+                full = NewStrings(true);
+            },
+            [&] {
+                for (BSTR text : texts) full->Add(text);
+            });
         auto backToFull = [&] {
             long count = 0;
             full->get_Count(&count);
@@ -105,11 +123,14 @@ int main() {
                 full->Remove(last);
             }
         };
-        double ours = Timed(backToFull, [&] { for (BSTR text : extra) full->Add(text); });
-        backToFull();
-        double base = Timed([] {}, [&] {
-            for (BSTR text : extra) ScanFinds(texts, text, kFlags);
+        double ours = Timed(backToFull, [&] {
+            for (BSTR text : extra) full->Add(text);
         });
+        backToFull();
+        double base = Timed([] {},
+                            [&] {
+                                for (BSTR text : extra) ScanFinds(texts, text, kFlags);
+                            });
         ky::bench::Report("Add, UniqueStrings on, to 100000", ours, "linear VarBstrCmp scan", base, kProbes);
         std::printf("%-44s %10.0fx\n", "  faster than the scan by", base / ours);
         double perComparison = base / (double(kProbes) * kCount);
@@ -122,22 +143,24 @@ int main() {
     {
         std::vector<BSTR> targets;
         for (int i = 0; i < kProbes; ++i) targets.push_back(texts[random() % kCount]);
-        double ours = Timed([] {}, [&] {
-            for (BSTR target : targets) {
-                VARIANT key;
-                V_VT(&key) = VT_BSTR;
-                V_BSTR(&key) = target;
-                BSTR found = nullptr;
-                full->get_Item(key, &found);
-                ::SysFreeString(found);
-            }
-        });
-        double base = Timed([] {}, [&] {
-            for (BSTR target : targets) {
-                for (BSTR item : texts)
-                    if (::VarBstrCmp(item, target, LOCALE_USER_DEFAULT, 0) == VARCMP_EQ) break;
-            }
-        });
+        double ours = Timed([] {},
+                            [&] {
+                                for (BSTR target : targets) {
+                                    VARIANT key;
+                                    V_VT(&key) = VT_BSTR;
+                                    V_BSTR(&key) = target;
+                                    BSTR found = nullptr;
+                                    full->get_Item(key, &found);
+                                    ::SysFreeString(found);
+                                }
+                            });
+        double base = Timed([] {},
+                            [&] {
+                                for (BSTR target : targets) {
+                                    for (BSTR item : texts)
+                                        if (::VarBstrCmp(item, target, LOCALE_USER_DEFAULT, 0) == VARCMP_EQ) break;
+                                }
+                            });
         ky::bench::Report("Item by text", ours, "linear VarBstrCmp scan", base, kProbes);
     }
     full->Release();
@@ -156,8 +179,8 @@ int main() {
                 for (BSTR text : shuffled) strings->Add(text);
             },
             [&] { strings->Sort(VARIANT_TRUE, 0, 0); });
-        double base = Timed([&] { order = shuffled; },
-                            [&] { std::stable_sort(order.begin(), order.end(), ascending); });
+        double base =
+            Timed([&] { order = shuffled; }, [&] { std::stable_sort(order.begin(), order.end(), ascending); });
         ky::bench::Report("Sort", ours, "std::stable_sort, VarBstrCmp", base, 1);
         strings->Release();
     }

@@ -173,7 +173,8 @@ public:
         if (SUCCEEDED(hr))
             hr = ::StgCreateDocfile(m_path.c_str(), STGM_CREATE | STGM_READWRITE | STGM_SHARE_EXCLUSIVE, 0, &storage);
         ComPtr<IStream> stream;
-        if (SUCCEEDED(hr)) hr = storage->CreateStream(kStream, STGM_CREATE | STGM_READWRITE | STGM_SHARE_EXCLUSIVE, 0, 0, &stream);
+        if (SUCCEEDED(hr))
+            hr = storage->CreateStream(kStream, STGM_CREATE | STGM_READWRITE | STGM_SHARE_EXCLUSIVE, 0, 0, &stream);
         if (SUCCEEDED(hr)) hr = persist->Save(stream.Get(), TRUE);
         stream.Reset();
         if (SUCCEEDED(hr)) hr = storage->Commit(STGC_DEFAULT);
@@ -183,7 +184,8 @@ public:
         ComPtr<IPersistStream> persist;
         HRESULT hr = object->QueryInterface(IID_PPV_ARGS(&persist));
         ComPtr<IStorage> storage;
-        if (SUCCEEDED(hr)) hr = ::StgOpenStorage(m_path.c_str(), nullptr, STGM_READ | STGM_SHARE_EXCLUSIVE, nullptr, 0, &storage);
+        if (SUCCEEDED(hr))
+            hr = ::StgOpenStorage(m_path.c_str(), nullptr, STGM_READ | STGM_SHARE_EXCLUSIVE, nullptr, 0, &storage);
         ComPtr<IStream> stream;
         if (SUCCEEDED(hr)) hr = storage->OpenStream(kStream, nullptr, STGM_READ | STGM_SHARE_EXCLUSIVE, 0, &stream);
         if (SUCCEEDED(hr)) hr = persist->Load(stream.Get());

@@ -370,7 +370,8 @@ TEST(StringsThreads, PointersCrossApartmentsUnmarshalledAndAddsFromManyThreadsAl
                 std::wstring text = (t % 2 ? L"NAME" : L"name") + std::to_wstring(i);
                 AddText(strings.Get(), text.c_str());
             }
-            for (int i = 0; i < 200; ++i) AddText(strings.Get(), (L"t" + std::to_wstring(t) + L"-" + std::to_wstring(i)).c_str());
+            for (int i = 0; i < 200; ++i)
+                AddText(strings.Get(), (L"t" + std::to_wstring(t) + L"-" + std::to_wstring(i)).c_str());
         });
     }
     for (auto& thread : threads) thread.join();

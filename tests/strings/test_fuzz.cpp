@@ -61,7 +61,8 @@ Bytes Mutate(const Bytes& original, std::mt19937& random) {
         }
         case 3: {  // a range repeated
             size_t from = at(0), length = std::min<size_t>(1 + random() % 40, bytes.size() - from);
-            Bytes piece(bytes.begin() + static_cast<ptrdiff_t>(from), bytes.begin() + static_cast<ptrdiff_t>(from + length));
+            Bytes piece(bytes.begin() + static_cast<ptrdiff_t>(from),
+                        bytes.begin() + static_cast<ptrdiff_t>(from + length));
             bytes.insert(bytes.begin() + static_cast<ptrdiff_t>(at(0)), piece.begin(), piece.end());
             break;
         }
@@ -100,7 +101,8 @@ TEST(DamagedStreams, EveryTruncationFailsCleanly) {
         SCOPED_TRACE(image.name);
         EXPECT_HR(S_OK, LoadChecked(image, image.bytes));
         for (size_t length = 0; length < image.bytes.size(); ++length) {
-            HRESULT hr = LoadChecked(image, Bytes(image.bytes.begin(), image.bytes.begin() + static_cast<ptrdiff_t>(length)));
+            HRESULT hr =
+                LoadChecked(image, Bytes(image.bytes.begin(), image.bytes.begin() + static_cast<ptrdiff_t>(length)));
             EXPECT_TRUE(FAILED(hr) && Acceptable(hr)) << length << ": " << Hex(hr);
         }
     }

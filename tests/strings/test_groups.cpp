@@ -42,8 +42,10 @@ ComPtr<ISearchAttributesGroup> ItemOf(ISearchAttributesGroupSet* set, VARIANT ke
 HRESULT ItemResult(ISearchAttributesGroupSet* set, VARIANT key) {
     ISearchAttributesGroup* group = reinterpret_cast<ISearchAttributesGroup*>(1);
     HRESULT hr = set->get_Item(&key, &group);
-    if (SUCCEEDED(hr)) group->Release();
-    else EXPECT_EQ(nullptr, group);
+    if (SUCCEEDED(hr))
+        group->Release();
+    else
+        EXPECT_EQ(nullptr, group);
     return hr;
 }
 
@@ -108,17 +110,21 @@ TEST(GroupSet, ResetBringsTheFiveBuiltInGroupsInOrder) {
         std::vector<std::wstring> attributes;
     };
     const Expected expected[] = {
-        {L"Names", true,
+        {L"Names",
+         true,
          {L"name", L"cn", L"sn", L"displayName", L"givenName", L"uid", L"initials", L"gecos", L"ou", L"dc", L"o",
           L"group", L"dmdName"}},
         {L"Descriptions", true, {L"description", L"labeledURI"}},
-        {L"Tel/Fax/Pager Numbers", false,
+        {L"Tel/Fax/Pager Numbers",
+         false,
          {L"telephoneNumber", L"mobile", L"pager", L"facsimileTelephoneNumber", L"homePhone", L"telexNumber",
           L"destinationIndicator", L"gecos"}},
-        {L"Addresses", false,
+        {L"Addresses",
+         false,
          {L"c", L"st", L"street", L"homePostalAddress", L"postalAddress", L"registeredAddress", L"postalCode",
           L"postOfficeBox", L"x121Address", L"mail", L"roomNumber", L"physicalDeliveryOfficeName", L"l"}},
-        {L"Business Details", false,
+        {L"Business Details",
+         false,
          {L"businessCategory", L"title", L"manager", L"secretary", L"employeeType", L"employeeNumber",
           L"departmentNumber", L"userPKCS12", L"ou"}},
     };
@@ -351,7 +357,8 @@ TEST(SetPersist, LoadEmptiesFirstAndKeepsTheGroupsReadBeforeAFailure) {
     // Cut in the middle of the third group.
     size_t twoGroups = 8 + 2 * sizeof(CLSID) + Saved(ItemOf(source.Get(), Arg(0L)).Get()).size() +
                        Saved(ItemOf(source.Get(), Arg(1L)).Get()).size();
-    EXPECT_HR(E_FAIL, LoadFrom(set.Get(), Bytes(image.begin(), image.begin() + static_cast<ptrdiff_t>(twoGroups + 30))));
+    EXPECT_HR(E_FAIL,
+              LoadFrom(set.Get(), Bytes(image.begin(), image.begin() + static_cast<ptrdiff_t>(twoGroups + 30))));
     EXPECT_HR(S_OK, set->get_Count(&count));
     EXPECT_EQ(2, count);
     EXPECT_EQ(L"Descriptions", NameOf(ItemOf(set.Get(), Arg(1L)).Get()));

@@ -26,10 +26,10 @@ TEST(StringsImage, NullEmptyAndOrdinaryStringsAreWrittenExactly) {
     ASSERT_HR(S_OK, strings->Add(nullptr));
     ASSERT_HR(S_OK, AddText(strings.Get(), L""));
     ASSERT_HR(S_OK, AddText(strings.Get(), L"ab"));
-    EXPECT_EQ((Bytes{3, 0, 0, 0,                               // count
-                     0, 0, 0, 0,                               // null
-                     2, 0, 0, 0, 0, 0,                         // empty
-                     6, 0, 0, 0, 'a', 0, 'b', 0, 0, 0}),       // "ab"
+    EXPECT_EQ((Bytes{3, 0, 0, 0,                          // count
+                     0, 0, 0, 0,                          // null
+                     2, 0, 0, 0, 0,   0,                  // empty
+                     6, 0, 0, 0, 'a', 0, 'b', 0, 0, 0}),  // "ab"
               Saved(strings.Get()));
     // 4, then byte length + 6 per element: generous for the null one.
     EXPECT_EQ(4u + 6 + 6 + 10, SizeMax(strings.Get()));

@@ -14,8 +14,9 @@ namespace ky::test {
 namespace {
 
 // Characters that the comparison flags treat specially, and plain ones.
-const wchar_t kAlphabet[] = L"aAbBzZ09-' .,!\u00e9e\u0301\u00c9\uff41\uff21\u30a2\u3042\u30ab\u304b\u00ad\u200b"
-                            L"\u00df\u00e6\u00f1\u2460\u0031\u00bd\uff10\u0130\u0131iI\u03a3\u03c3\u03c2";
+const wchar_t kAlphabet[] =
+    L"aAbBzZ09-' .,!\u00e9e\u0301\u00c9\uff41\uff21\u30a2\u3042\u30ab\u304b\u00ad\u200b"
+    L"\u00df\u00e6\u00f1\u2460\u0031\u00bd\uff10\u0130\u0131iI\u03a3\u03c3\u03c2";
 constexpr size_t kAlphabetSize = sizeof(kAlphabet) / sizeof(kAlphabet[0]) - 1;
 
 // Strings with their variants, so that equal pairs are frequent.
@@ -64,8 +65,10 @@ void CheckAgainstScan(ULONG flags, const std::vector<com::Bstr>& preload, const 
     Bytes image;
     PutUInt32(image, static_cast<ULONG>(preload.size()));
     for (const com::Bstr& text : preload) {
-        if (text.IsNull()) PutUInt32(image, 0);
-        else PutString(image, text, text.Length());
+        if (text.IsNull())
+            PutUInt32(image, 0);
+        else
+            PutString(image, text, text.Length());
     }
     ASSERT_HR(S_OK, LoadFrom(strings.Get(), image));
     ASSERT_HR(S_OK, strings->put_CompareFlags(flags));
@@ -132,7 +135,7 @@ TEST(Uniqueness, ElementsThatOnlyAStreamBringsInAreComparedTheSameWay) {
     preload.emplace_back(L"a\0b", 3);  // embedded zero
     preload.emplace_back(L"\0A", 2);   // leading zero
     preload.emplace_back(L"ab");
-    preload.emplace_back(L"AB");       // duplicates under ignore-case, loaded all the same
+    preload.emplace_back(L"AB");  // duplicates under ignore-case, loaded all the same
     preload.emplace_back();
     std::vector<com::Bstr> candidates;
     for (const wchar_t* text : {L"ab", L"Ab", L"a\u00adb", L"", L"x"}) candidates.emplace_back(text);
