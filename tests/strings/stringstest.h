@@ -104,29 +104,34 @@ inline Bytes Written(IStream* stream) {
     return bytes;
 }
 
-// The image that Save writes for an object (dirty flag kept).
-template <class I>
-Bytes Saved(I* object) {
+// The object's IPersistStream; every persisted class of this folder has one.
+inline ComPtr<IPersistStream> PersistOf(IUnknown* object) {
     ComPtr<IPersistStream> persist;
     EXPECT_HR(S_OK, object->QueryInterface(IID_PPV_ARGS(&persist)));
+    return persist;
+}
+
+// The image that Save writes for an object (dirty flag kept).
+inline Bytes Saved(IUnknown* object) {
     ComPtr<IStream> stream = MemoryStream();
-    EXPECT_HR(S_OK, persist->Save(stream.Get(), FALSE));
+    EXPECT_HR(S_OK, PersistOf(object)->Save(stream.Get(), FALSE));
     return Written(stream.Get());
 }
 
-template <class I>
-HRESULT LoadFrom(I* object, const Bytes& bytes) {
-    ComPtr<IPersistStream> persist;
-    EXPECT_HR(S_OK, object->QueryInterface(IID_PPV_ARGS(&persist)));
-    return persist->Load(MemoryStream(bytes).Get());
+// Saves with the dirty flag cleared, so that later changes show in IsDirty.
+inline void SaveClean(IUnknown* object) { ASSERT_HR(S_OK, PersistOf(object)->Save(MemoryStream().Get(), TRUE)); }
+
+inline HRESULT LoadFrom(IUnknown* object, const Bytes& bytes) {
+    return PersistOf(object)->Load(MemoryStream(bytes).Get());
 }
 
-template <class I>
-HRESULT IsDirty(I* object) {
-    ComPtr<IPersistStream> persist;
-    EXPECT_HR(S_OK, object->QueryInterface(IID_PPV_ARGS(&persist)));
-    return persist->IsDirty();
+inline ULONGLONG SizeMax(IUnknown* object) {
+    ULARGE_INTEGER size{};
+    EXPECT_HR(S_OK, PersistOf(object)->GetSizeMax(&size));
+    return size.QuadPart;
 }
+
+inline HRESULT IsDirty(IUnknown* object) { return PersistOf(object)->IsDirty(); }
 
 // Pieces of the persisted forms, for building images by hand.
 inline void PutUInt32(Bytes& bytes, ULONG value) {
@@ -145,12 +150,6 @@ inline void PutString(Bytes& bytes, const wchar_t* text, size_t length) {
 inline void PutString(Bytes& bytes, const wchar_t* text) { PutString(bytes, text, wcslen(text)); }
 inline void PutGuid(Bytes& bytes, const GUID& guid) { PutRaw(bytes, &guid, sizeof(guid)); }
 
-inline Bytes Concat(std::initializer_list<Bytes> parts) {
-    Bytes all;
-    for (const Bytes& part : parts) all.insert(all.end(), part.begin(), part.end());
-    return all;
-}
-
 // A compound file in the temporary folder with one stream, removed with
 // the object.
 class Docfile {
@@ -167,28 +166,23 @@ public:
 
     // Saves through IPersistStream into the file's stream, committed and closed.
     HRESULT Save(IUnknown* object) {
-        ComPtr<IPersistStream> persist;
-        HRESULT hr = object->QueryInterface(IID_PPV_ARGS(&persist));
         ComPtr<IStorage> storage;
-        if (SUCCEEDED(hr))
-            hr = ::StgCreateDocfile(m_path.c_str(), STGM_CREATE | STGM_READWRITE | STGM_SHARE_EXCLUSIVE, 0, &storage);
+        HRESULT hr =
+            ::StgCreateDocfile(m_path.c_str(), STGM_CREATE | STGM_READWRITE | STGM_SHARE_EXCLUSIVE, 0, &storage);
         ComPtr<IStream> stream;
         if (SUCCEEDED(hr))
             hr = storage->CreateStream(kStream, STGM_CREATE | STGM_READWRITE | STGM_SHARE_EXCLUSIVE, 0, 0, &stream);
-        if (SUCCEEDED(hr)) hr = persist->Save(stream.Get(), TRUE);
+        if (SUCCEEDED(hr)) hr = PersistOf(object)->Save(stream.Get(), TRUE);
         stream.Reset();
         if (SUCCEEDED(hr)) hr = storage->Commit(STGC_DEFAULT);
         return hr;
     }
     HRESULT Load(IUnknown* object) {
-        ComPtr<IPersistStream> persist;
-        HRESULT hr = object->QueryInterface(IID_PPV_ARGS(&persist));
         ComPtr<IStorage> storage;
-        if (SUCCEEDED(hr))
-            hr = ::StgOpenStorage(m_path.c_str(), nullptr, STGM_READ | STGM_SHARE_EXCLUSIVE, nullptr, 0, &storage);
+        HRESULT hr = ::StgOpenStorage(m_path.c_str(), nullptr, STGM_READ | STGM_SHARE_EXCLUSIVE, nullptr, 0, &storage);
         ComPtr<IStream> stream;
         if (SUCCEEDED(hr)) hr = storage->OpenStream(kStream, nullptr, STGM_READ | STGM_SHARE_EXCLUSIVE, 0, &stream);
-        if (SUCCEEDED(hr)) hr = persist->Load(stream.Get());
+        if (SUCCEEDED(hr)) hr = PersistOf(object)->Load(stream.Get());
         return hr;
     }
 

@@ -118,11 +118,9 @@ TEST_F(Strings, UniquenessFollowsCompareFlagsWhileLookupStaysCaseSensitive) {
     EXPECT_HR(S_FALSE, AddText(strings.Get(), L"Mail"));
 
     EXPECT_HR(S_OK, strings->put_CompareFlags(NORM_IGNORECASE));
-    ComPtr<IPersistStream> persist;
-    ASSERT_HR(S_OK, strings.As(&persist));
-    ASSERT_HR(S_OK, persist->Save(MemoryStream().Get(), TRUE));
+    SaveClean(strings.Get());
     EXPECT_HR(S_FALSE, AddText(strings.Get(), L"mail"));
-    EXPECT_HR(S_FALSE, persist->IsDirty());  // a refused duplicate changes nothing
+    EXPECT_HR(S_FALSE, IsDirty(strings.Get()));  // a refused duplicate changes nothing
     EXPECT_HR(S_OK, AddText(strings.Get(), L"cn"));
     EXPECT_HR(S_FALSE, AddText(strings.Get(), L"CN"));
     EXPECT_EQ((std::vector<std::wstring>{L"Mail", L"MAIL", L"cn"}), Contents(strings.Get()));
@@ -148,15 +146,13 @@ TEST_F(Strings, UniquenessFollowsCompareFlagsWhileLookupStaysCaseSensitive) {
 
 TEST_F(Strings, RemoveTakesOneElementByPositionOrText) {
     AddAll(strings.Get(), {L"a", L"b", L"a", L"c"});
-    ComPtr<IPersistStream> persist;
-    ASSERT_HR(S_OK, strings.As(&persist));
-    ASSERT_HR(S_OK, persist->Save(MemoryStream().Get(), TRUE));
+    SaveClean(strings.Get());
 
     EXPECT_HR(E_KY_ELEMENTNOTFOUND, strings->Remove(Arg(L"A")));
     EXPECT_HR(E_KY_ELEMENTNOTFOUND, strings->Remove(Arg(4L)));
-    EXPECT_HR(S_FALSE, persist->IsDirty());
+    EXPECT_HR(S_FALSE, IsDirty(strings.Get()));
     EXPECT_HR(S_OK, strings->Remove(Arg(L"a")));  // the first one
-    EXPECT_HR(S_OK, persist->IsDirty());
+    EXPECT_HR(S_OK, IsDirty(strings.Get()));
     EXPECT_EQ((std::vector<std::wstring>{L"b", L"a", L"c"}), Contents(strings.Get()));
     EXPECT_HR(S_OK, strings->Remove(Arg(2L)));
     EXPECT_EQ((std::vector<std::wstring>{L"b", L"a"}), Contents(strings.Get()));
@@ -209,15 +205,13 @@ TEST_F(Strings, SortIsStableUnderTheCompareFlagsAndLeavesTheDirtyFlag) {
     ComPtr<IStrings> tagged = NewStrings();
     AddAll(tagged.Get(), {L"b", L"B", L"a", L"A", L"b"});
     ASSERT_HR(S_OK, tagged->put_CompareFlags(NORM_IGNORECASE));
-    ComPtr<IPersistStream> persist;
-    ASSERT_HR(S_OK, tagged.As(&persist));
-    ASSERT_HR(S_OK, persist->Save(MemoryStream().Get(), TRUE));
+    SaveClean(tagged.Get());
 
     EXPECT_HR(S_OK, tagged->Sort(VARIANT_TRUE, 0, 0));
     EXPECT_EQ((std::vector<std::wstring>{L"a", L"A", L"b", L"B", L"b"}), Contents(tagged.Get()));
     EXPECT_HR(S_OK, tagged->Sort(VARIANT_FALSE, 0, 0));
     EXPECT_EQ((std::vector<std::wstring>{L"b", L"B", L"b", L"a", L"A"}), Contents(tagged.Get()));
-    EXPECT_HR(S_FALSE, persist->IsDirty());
+    EXPECT_HR(S_FALSE, IsDirty(tagged.Get()));
 }
 
 TEST_F(Strings, LongRangesSortStablyUnderTheCompareFlags) {

@@ -148,9 +148,7 @@ struct ResetSet : ::testing::Test {
     void SetUp() override {
         set = Create<ISearchAttributesGroupSet>(CLSID_SearchAttributesGroupSet);
         ASSERT_HR(S_OK, set->Reset());
-        ComPtr<IPersistStream> persist;
-        ASSERT_HR(S_OK, set.As(&persist));
-        ASSERT_HR(S_OK, persist->Save(MemoryStream().Get(), TRUE));  // clean, for the dirty checks
+        SaveClean(set.Get());
     }
     long Count() {
         long count = -1;
@@ -248,11 +246,9 @@ TEST(GroupImage, AGroupIsWrittenAsVersionNameActiveAndItsCollectionsRecord) {
 
     // The bound counts the collection's bound, the name and 6: not the
     // version, Active or the class identifier.
+    EXPECT_EQ((4u + 4 + 6) + 2 + 6, SizeMax(group.Get()));
     ComPtr<IPersistStream> persist;
     ASSERT_HR(S_OK, group.As(&persist));
-    ULARGE_INTEGER size{};
-    ASSERT_HR(S_OK, persist->GetSizeMax(&size));
-    EXPECT_EQ((4u + 4 + 6) + 2 + 6, size.QuadPart);
     CLSID clsid{};
     EXPECT_HR(S_OK, persist->GetClassID(&clsid));
     EXPECT_TRUE(IsEqualCLSID(CLSID_SearchAttributesGroup, clsid));
@@ -326,18 +322,8 @@ TEST(SetPersist, TheBuiltInSetSurvivesACompoundFile) {
 
     // 8, then each group's bound, class identifiers not counted.
     ULONGLONG expected = 8;
-    for (long i = 0; i < 5; ++i) {
-        ComPtr<IPersistStream> persist;
-        ASSERT_HR(S_OK, ItemOf(set.Get(), Arg(i)).As(&persist));
-        ULARGE_INTEGER size{};
-        ASSERT_HR(S_OK, persist->GetSizeMax(&size));
-        expected += size.LowPart;
-    }
-    ComPtr<IPersistStream> persist;
-    ASSERT_HR(S_OK, set.As(&persist));
-    ULARGE_INTEGER size{};
-    ASSERT_HR(S_OK, persist->GetSizeMax(&size));
-    EXPECT_EQ(expected, size.QuadPart);
+    for (long i = 0; i < 5; ++i) expected += SizeMax(ItemOf(set.Get(), Arg(i)).Get());
+    EXPECT_EQ(expected, SizeMax(set.Get()));
 }
 
 TEST(SetPersist, LoadEmptiesFirstAndKeepsTheGroupsReadBeforeAFailure) {

@@ -5,18 +5,6 @@
 namespace ky::test {
 namespace {
 
-ComPtr<IPersistStream> PersistOf(IStrings* strings) {
-    ComPtr<IPersistStream> persist;
-    EXPECT_HR(S_OK, strings->QueryInterface(IID_PPV_ARGS(&persist)));
-    return persist;
-}
-
-ULONGLONG SizeMax(IStrings* strings) {
-    ULARGE_INTEGER size{};
-    EXPECT_HR(S_OK, PersistOf(strings)->GetSizeMax(&size));
-    return size.QuadPart;
-}
-
 TEST(StringsImage, NullEmptyAndOrdinaryStringsAreWrittenExactly) {
     ComPtr<IStrings> empty = NewStrings();
     EXPECT_EQ((Bytes{0, 0, 0, 0}), Saved(empty.Get()));
