@@ -21,13 +21,13 @@
 
 #include "dataexchange/kyole.h"
 
-// #include "strings/strings.h"
+#include "strings/strings.h"
 
 // #include "sharedconfig/configuration.h"
 
 #include "timer/systemtimer.h"
 
-// #include "strings/searchgroups.h"
+#include "strings/searchgroups.h"
 
 // #include "opml/document.h"
 
@@ -56,7 +56,7 @@ ObjectMapEntry g_objectMap[] = {
 
     MakeObjectMapEntry<CCoKyOLE, SingletonFactory>(CLSID_KyOLE, IDR_KYOLE),
 
-    // MakeObjectMapEntry<CCoKyStrings, ClassFactory>(CLSID_KyStrings, IDR_KYSTRINGS),
+    MakeObjectMapEntry<CCoKyStrings, ClassFactory>(CLSID_KyStrings, IDR_KYSTRINGS),
 
     // MakeObjectMapEntry<CComStgOutriggedConfiguration, ClassFactory>(CLSID_ComStgOutriggedConfiguration,
     //                                                                  IDR_COMSTGCONFIGURATIONMANAGER),
@@ -67,11 +67,11 @@ ObjectMapEntry g_objectMap[] = {
 
     MakeObjectMapEntry<CSystemTimer, SingletonFactory>(CLSID_SystemTimer, IDR_SYSTEMTIMER),
 
-    // MakeObjectMapEntry<CCoSearchAttributesGroup, ClassFactory>(CLSID_SearchAttributesGroup,
-    //                                                             IDR_SEARCHATTRIBUTESGROUP),
+    MakeObjectMapEntry<CCoSearchAttributesGroup, ClassFactory>(CLSID_SearchAttributesGroup,
+                                                               IDR_SEARCHATTRIBUTESGROUP),
 
-    // MakeObjectMapEntry<CCoSearchAttributesGroupSet, ClassFactory>(CLSID_SearchAttributesGroupSet,
-    //                                                                IDR_SEARCHATTRIBUTESGROUPSET),
+    MakeObjectMapEntry<CCoSearchAttributesGroupSet, ClassFactory>(CLSID_SearchAttributesGroupSet,
+                                                                  IDR_SEARCHATTRIBUTESGROUPSET),
 
     // MakeObjectMapEntry<OPML::CCoDocument, ClassFactory>(CLSID_OPMLDocument, IDR_OPMLDOCUMENT),
 };
