@@ -42,6 +42,11 @@ public:
         Microsoft::WRL::ComPtr<ITypeInfo> typeInfo;
         HRESULT hr = Module::Get().GetTypeInfo(__uuidof(I), &typeInfo);
         if (FAILED(hr)) return hr;
+        // Script hosts call property getters as methods (JScript's Enumerator
+        // asks for _NewEnum that way, and a statement such as `list.Item(1);`
+        // does too); the type information answers those only for property gets.
+        if ((flags & DISPATCH_METHOD) && !(flags & (DISPATCH_PROPERTYPUT | DISPATCH_PROPERTYPUTREF)))
+            flags |= DISPATCH_PROPERTYGET;
         return typeInfo->Invoke(static_cast<I*>(this), id, flags, params, result, excepInfo, argErr);
     }
 };

@@ -124,16 +124,6 @@ STDMETHODIMP CCoKyStrings::Sort(VARIANT_BOOL vbAscending, long lFirstPos, long l
 
 // --- IDispatch ----------------------------------------------------------------
 
-STDMETHODIMP CCoKyStrings::Invoke(DISPID id, REFIID riid, LCID lcid, WORD flags, DISPPARAMS* params, VARIANT* result,
-                                  EXCEPINFO* excepInfo, UINT* argErr) {
-    // JScript's Enumerator asks for _NewEnum, and script statements such as
-    // `names.Item("x");` ask for Item, as methods; the type information
-    // answers those only for property gets.
-    if ((flags & DISPATCH_METHOD) && !(flags & (DISPATCH_PROPERTYPUT | DISPATCH_PROPERTYPUTREF)))
-        flags |= DISPATCH_PROPERTYGET;
-    return com::DispatchImpl<IStrings>::Invoke(id, riid, lcid, flags, params, result, excepInfo, argErr);
-}
-
 // --- IPersistStream ----------------------------------------------------------
 
 STDMETHODIMP CCoKyStrings::Load(IStream* pStm) {

@@ -37,10 +37,6 @@ public:
     STDMETHODIMP Remove(VARIANT val) override;
     STDMETHODIMP Sort(VARIANT_BOOL vbAscending, long lFirstPos, long lLastPos) override;
 
-    // IDispatch: script hosts call property getters as methods too.
-    STDMETHODIMP Invoke(DISPID id, REFIID riid, LCID lcid, WORD flags, DISPPARAMS* params, VARIANT* result,
-                        EXCEPINFO* excepInfo, UINT* argErr) override;
-
     // IPersistStream
     STDMETHODIMP Load(IStream* pStm) override;
     STDMETHODIMP Save(IStream* pStm, BOOL fClearDirty) override;

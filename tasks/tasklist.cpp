@@ -87,8 +87,6 @@ CKyTasks::CKyTasks() : m_events(this, m_lock, DIID__IKyTasksEvents) { AddConnect
 STDMETHODIMP CKyTasks::Invoke(DISPID id, REFIID riid, LCID lcid, WORD flags, DISPPARAMS* params, VARIANT* result,
                               EXCEPINFO* excepInfo, UINT* argErr) {
     using Base = com::DispatchImpl<IKyTasks>;
-    // JScript's Enumerator asks for the enumerator as a method.
-    if (id == DISPID_NEWENUM && (flags & DISPATCH_METHOD)) flags |= DISPATCH_PROPERTYGET;
     // A script cannot pass a null interface pointer: null, an empty value or
     // a left-out argument stand for "no cancel callback" in Add.
     if (id == kAddDispId && params && params->cNamedArgs == 0 && (params->cArgs == 2 || params->cArgs == 3)) {

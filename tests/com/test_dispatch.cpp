@@ -85,9 +85,11 @@ TEST_F(Dispatch, InvokeCallsTheVtableWithConvertedArguments) {
 
     VARIANT count;
     ::VariantInit(&count);
-    // Script hosts ask for property gets with both flags.
+    // Script hosts ask for property gets with both flags, or as methods.
     EXPECT_HR(S_OK, Call(IdOf(L"Count"), DISPATCH_METHOD | DISPATCH_PROPERTYGET, {}, &count));
     EXPECT_EQ(VT_I4, V_VT(&count));
+    EXPECT_EQ(1, V_I4(&count));
+    EXPECT_HR(S_OK, Call(IdOf(L"Count"), DISPATCH_METHOD, {}, &count));
     EXPECT_EQ(1, V_I4(&count));
 
     VARIANT index;
