@@ -27,6 +27,16 @@ inline HRESULT MakeVariantEnumerator(std::vector<VARIANT> items, IUnknown** resu
     return VariantEnumerator::Create(std::move(items), nullptr, IID_IUnknown, reinterpret_cast<void**>(result));
 }
 
+// Wine's JScript asks for _NewEnum with DISPATCH_METHOD alone, which the
+// type library's property does not answer; collections give their
+// enumerator either way.
+template <class I>
+HRESULT InvokeEnumerable(com::DispatchImpl<I>* self, DISPID id, REFIID riid, LCID lcid, WORD flags,
+                         DISPPARAMS* params, VARIANT* result, EXCEPINFO* excepInfo, UINT* argErr) {
+    if (id == DISPID_NEWENUM && (flags & DISPATCH_METHOD)) flags |= DISPATCH_PROPERTYGET;
+    return self->com::DispatchImpl<I>::Invoke(id, riid, lcid, flags, params, result, excepInfo, argErr);
+}
+
 // A lookup key taken apart before the collection's lock is taken, so that
 // no foreign object is called under it.
 struct LookupKey {
@@ -76,6 +86,11 @@ private:
 template <class Derived, class Interface, class Element, class ElementInterface>
 class CCollection : public com::Object<Derived, com::Dual<Interface>> {
 public:
+    STDMETHODIMP Invoke(DISPID id, REFIID riid, LCID lcid, WORD flags, DISPPARAMS* params, VARIANT* result,
+                        EXCEPINFO* excepInfo, UINT* argErr) override {
+        return InvokeEnumerable<Interface>(this, id, riid, lcid, flags, params, result, excepInfo, argErr);
+    }
+
     STDMETHODIMP get__NewEnum(IUnknown** ppEnum) override {
         if (!ppEnum) return E_POINTER;
         *ppEnum = nullptr;

@@ -359,6 +359,29 @@ TEST(ExpansionState, AListOfNumbersFromOne) {
     EXPECT_EQ(0, count);
 }
 
+// Script hosts ask for _NewEnum as a method (Wine's JScript does) or as a
+// property; every collection answers both.
+TEST(Model, CollectionsGiveEnumeratorsToMethodCallsAndPropertyReads) {
+    ComPtr<IOPMLDocument> document = NewDocument();
+    ComPtr<IOPMLOutline> outline = AddOutline(BodyOf(document.Get()).Get(), L"x");
+    ComPtr<IOPMLExpansionState> expansion;
+    ASSERT_HR(S_OK, HeaderOf(document.Get())->get_ExpansionState(&expansion));
+    ComPtr<IDispatch> collections[] = {BodyOf(document.Get()), AttributesOf(outline.Get()), expansion};
+    for (auto& collection : collections) {
+        for (WORD flags : {DISPATCH_METHOD, DISPATCH_PROPERTYGET, DISPATCH_METHOD | DISPATCH_PROPERTYGET}) {
+            DISPPARAMS none = {nullptr, nullptr, 0, 0};
+            VARIANT result;
+            ::VariantInit(&result);
+            EXPECT_HR(S_OK, collection->Invoke(DISPID_NEWENUM, IID_NULL, LOCALE_NEUTRAL, flags, &none, &result,
+                                               nullptr, nullptr));
+            ComPtr<IEnumVARIANT> items;
+            EXPECT_TRUE(V_VT(&result) == VT_UNKNOWN && V_UNKNOWN(&result) &&
+                        SUCCEEDED(V_UNKNOWN(&result)->QueryInterface(IID_PPV_ARGS(&items))));
+            ::VariantClear(&result);
+        }
+    }
+}
+
 TEST(Model, OutlinesOutliveTheirDocument) {
     ComPtr<IOPMLOutline> kept;
     {
