@@ -70,6 +70,26 @@ HRESULT LoadBytes(IOPMLDocument* document, const std::string& bytes) {
     return document->Load(&input);
 }
 
+HRESULT LoadArray(IOPMLDocument* document, const std::string& bytes) {
+    VARIANT input;
+    V_VT(&input) = VT_ARRAY | VT_UI1;
+    V_ARRAY(&input) = ::SafeArrayCreateVector(VT_UI1, 0, static_cast<ULONG>(bytes.size()));
+    void* data = nullptr;
+    HRESULT hr = ::SafeArrayAccessData(V_ARRAY(&input), &data);
+    if (SUCCEEDED(hr)) {
+        memcpy(data, bytes.data(), bytes.size());
+        ::SafeArrayUnaccessData(V_ARRAY(&input));
+        hr = document->Load(&input);
+    }
+    ::VariantClear(&input);
+    return hr;
+}
+
+std::string Utf16Bytes(const std::wstring& text) {
+    std::wstring marked = L"\uFEFF" + text;
+    return std::string(reinterpret_cast<const char*>(marked.data()), marked.size() * sizeof(wchar_t));
+}
+
 VARIANT Position(LONG position) {
     VARIANT key;
     V_VT(&key) = VT_I4;

@@ -28,6 +28,10 @@ std::string Saved(IOPMLDocument* document);
 // Load from XML text in a BSTR, or from bytes in a memory stream.
 HRESULT LoadText(IOPMLDocument* document, const std::wstring& text);
 HRESULT LoadBytes(IOPMLDocument* document, const std::string& bytes);
+// Load from bytes in a VT_ARRAY | VT_UI1.
+HRESULT LoadArray(IOPMLDocument* document, const std::string& bytes);
+// UTF-16 bytes with a byte order mark.
+std::string Utf16Bytes(const std::wstring& text);
 
 // VARIANT keys for Item and Remove. The caller clears a name key.
 VARIANT Position(LONG position);

@@ -219,66 +219,43 @@ TEST(Reader, DatesInTheUsualRfc822FormsAreRead) {
     }
 }
 
-// The same text as a BSTR, as UTF-8 and UTF-16 bytes in a stream, and as a
-// byte array; a stream is read from where it stands.
+// Each form Load takes, with the same text: a BSTR, UTF-8 and UTF-16 bytes
+// in a stream, and UTF-8 bytes in an array.
+const struct {
+    const char* name;
+    HRESULT (*load)(IOPMLDocument*, const std::wstring&);
+} kInputForms[] = {
+    {"BSTR", [](IOPMLDocument* d, const std::wstring& t) { return LoadText(d, t); }},
+    {"UTF-8 stream", [](IOPMLDocument* d, const std::wstring& t) { return LoadBytes(d, Narrow(t)); }},
+    {"UTF-16 stream", [](IOPMLDocument* d, const std::wstring& t) { return LoadBytes(d, Utf16Bytes(t)); }},
+    {"byte array", [](IOPMLDocument* d, const std::wstring& t) { return LoadArray(d, Narrow(t)); }},
+};
+
 TEST(Reader, TakesTextStreamsAndByteArrays) {
-    const std::wstring text = Document(L"<title>\u4E2D\U0001F600</title>", L"<outline text=\"\u05D0\"/>");
-    const std::string utf8 = Narrow(text);
-    auto expectLoaded = [](IOPMLDocument* document) {
-        EXPECT_EQ(L"\u4E2D\U0001F600", TitleOf(document));
-        EXPECT_EQ(L"text=\"\u05D0\"\n", TreeText(BodyOf(document).Get()));
-    };
-    {
+    const std::wstring text = L"<?xml version=\"1.0\"?><opml version=\"1.0\"><head><title>\u4E2D\U0001F600</title>"
+                              L"</head><body><outline text=\"\u05D0\"/></body></opml>";
+    for (const auto& form : kInputForms) {
+        SCOPED_TRACE(form.name);
         ComPtr<IOPMLDocument> document = NewDocument();
-        EXPECT_HR(S_OK, LoadText(document.Get(), text));
-        expectLoaded(document.Get());
+        EXPECT_HR(S_OK, form.load(document.Get(), text));
+        EXPECT_EQ(L"\u4E2D\U0001F600", TitleOf(document.Get()));
+        EXPECT_EQ(L"text=\"\u05D0\"\n", TreeText(BodyOf(document.Get()).Get()));
     }
-    {
-        ComPtr<IOPMLDocument> document = NewDocument();
-        EXPECT_HR(S_OK, LoadBytes(document.Get(), utf8));
-        expectLoaded(document.Get());
-    }
-    {
-        ComPtr<IOPMLDocument> document = NewDocument();
-        std::wstring utf16 = L"\uFEFF" + text;
-        std::wstring declared = utf16;
-        declared.replace(declared.find(L"utf-8"), 5, L"utf-16");
-        EXPECT_HR(S_OK, LoadBytes(document.Get(), std::string(reinterpret_cast<const char*>(declared.data()),
-                                                              declared.size() * sizeof(wchar_t))));
-        expectLoaded(document.Get());
-    }
-    {
-        ComPtr<IOPMLDocument> document = NewDocument();
-        ComPtr<IStream> stream;
-        ASSERT_HR(S_OK, ::CreateStreamOnHGlobal(nullptr, TRUE, &stream));
-        const std::string skipped = "not part of the document";
-        ULONG written = 0;
-        stream->Write(skipped.data(), static_cast<ULONG>(skipped.size()), &written);
-        stream->Write(utf8.data(), static_cast<ULONG>(utf8.size()), &written);
-        LARGE_INTEGER position;
-        position.QuadPart = static_cast<LONGLONG>(skipped.size());
-        stream->Seek(position, STREAM_SEEK_SET, nullptr);
-        VARIANT input;
-        V_VT(&input) = VT_UNKNOWN;
-        V_UNKNOWN(&input) = stream.Get();
-        EXPECT_HR(S_OK, document->Load(&input));
-        expectLoaded(document.Get());
-    }
-    {
-        ComPtr<IOPMLDocument> document = NewDocument();
-        SAFEARRAY* bytes = ::SafeArrayCreateVector(VT_UI1, 0, static_cast<ULONG>(utf8.size()));
-        void* data = nullptr;
-        ASSERT_HR(S_OK, ::SafeArrayAccessData(bytes, &data));
-        memcpy(data, utf8.data(), utf8.size());
-        ::SafeArrayUnaccessData(bytes);
-        VARIANT input;
-        V_VT(&input) = VT_ARRAY | VT_UI1;
-        V_ARRAY(&input) = bytes;
-        EXPECT_HR(S_OK, document->Load(&input));
-        ::VariantClear(&input);
-        expectLoaded(document.Get());
-    }
+    // A stream is read from where it stands.
     ComPtr<IOPMLDocument> document = NewDocument();
+    ComPtr<IStream> stream;
+    ASSERT_HR(S_OK, ::CreateStreamOnHGlobal(nullptr, TRUE, &stream));
+    const std::string bytes = "not part of the document" + Narrow(text);
+    ULONG written = 0;
+    stream->Write(bytes.data(), static_cast<ULONG>(bytes.size()), &written);
+    LARGE_INTEGER position;
+    position.QuadPart = static_cast<LONGLONG>(bytes.size() - Narrow(text).size());
+    stream->Seek(position, STREAM_SEEK_SET, nullptr);
+    VARIANT input;
+    V_VT(&input) = VT_UNKNOWN;
+    V_UNKNOWN(&input) = stream.Get();
+    EXPECT_HR(S_OK, document->Load(&input));
+    EXPECT_EQ(L"\u4E2D\U0001F600", TitleOf(document.Get()));
     EXPECT_HR(E_POINTER, document->Load(nullptr));
 }
 
@@ -304,13 +281,6 @@ protected:
                L"<outline text=\"before\"/><outline text=\"&secret;\" note=\"&inner;\"/></body></opml>";
     }
 
-    static void ExpectNothingLoaded(IOPMLDocument* document, const std::string& saved) {
-        EXPECT_EQ(L"", TitleOf(document));
-        EXPECT_EQ(0, CountOf(BodyOf(document).Get()));
-        EXPECT_EQ(std::string::npos, saved.find("SECRET"));
-        EXPECT_EQ(std::string::npos, saved.find("INNER"));
-    }
-
     std::wstring m_secret;
     std::wstring m_url;
 };
@@ -318,38 +288,15 @@ protected:
 TEST_F(DocumentType, DocumentsWithADtdLoadNothingInAnyForm) {
     for (const std::wstring& before : {std::wstring(), std::wstring(L"\r\n<!-- a comment -->\n<?pi data?> "),
                                        std::wstring(L"<!--<opml>-->")}) {
-        const std::wstring text = WithDtd(before);
-        {
+        for (const auto& form : kInputForms) {
+            SCOPED_TRACE(form.name);
             ComPtr<IOPMLDocument> document = NewDocument();
-            EXPECT_HR(S_OK, LoadText(document.Get(), text));
-            ExpectNothingLoaded(document.Get(), Saved(document.Get()));
-        }
-        {
-            ComPtr<IOPMLDocument> document = NewDocument();
-            EXPECT_HR(S_OK, LoadBytes(document.Get(), Narrow(text)));
-            ExpectNothingLoaded(document.Get(), Saved(document.Get()));
-        }
-        {
-            ComPtr<IOPMLDocument> document = NewDocument();
-            std::wstring utf16 = L"\uFEFF" + text;
-            EXPECT_HR(S_OK, LoadBytes(document.Get(), std::string(reinterpret_cast<const char*>(utf16.data()),
-                                                                  utf16.size() * sizeof(wchar_t))));
-            ExpectNothingLoaded(document.Get(), Saved(document.Get()));
-        }
-        {
-            ComPtr<IOPMLDocument> document = NewDocument();
-            std::string utf8 = Narrow(text);
-            SAFEARRAY* bytes = ::SafeArrayCreateVector(VT_UI1, 0, static_cast<ULONG>(utf8.size()));
-            void* data = nullptr;
-            ASSERT_HR(S_OK, ::SafeArrayAccessData(bytes, &data));
-            memcpy(data, utf8.data(), utf8.size());
-            ::SafeArrayUnaccessData(bytes);
-            VARIANT input;
-            V_VT(&input) = VT_ARRAY | VT_UI1;
-            V_ARRAY(&input) = bytes;
-            EXPECT_HR(S_OK, document->Load(&input));
-            ::VariantClear(&input);
-            ExpectNothingLoaded(document.Get(), Saved(document.Get()));
+            EXPECT_HR(S_OK, form.load(document.Get(), WithDtd(before)));
+            EXPECT_EQ(L"", TitleOf(document.Get()));
+            EXPECT_EQ(0, CountOf(BodyOf(document.Get()).Get()));
+            const std::string saved = Saved(document.Get());
+            EXPECT_EQ(std::string::npos, saved.find("SECRET"));
+            EXPECT_EQ(std::string::npos, saved.find("INNER"));
         }
     }
 }
