@@ -25,19 +25,9 @@ STDMETHODIMP CCoDocument::get_VersionMinor(INT* pnVersionMinor) {
     return S_OK;
 }
 
-STDMETHODIMP CCoDocument::get_Header(IOPMLHeader** ppHeader) {
-    if (!ppHeader) return E_POINTER;
-    *ppHeader = m_header.Get();
-    (*ppHeader)->AddRef();
-    return S_OK;
-}
+STDMETHODIMP CCoDocument::get_Header(IOPMLHeader** ppHeader) { return HandOut(m_header.Get(), ppHeader); }
 
-STDMETHODIMP CCoDocument::get_Body(IOPMLOutlines** ppBody) {
-    if (!ppBody) return E_POINTER;
-    *ppBody = m_body.Get();
-    (*ppBody)->AddRef();
-    return S_OK;
-}
+STDMETHODIMP CCoDocument::get_Body(IOPMLOutlines** ppBody) { return HandOut(m_body.Get(), ppBody); }
 
 STDMETHODIMP CCoDocument::Load(VARIANT* pvData) {
     if (!pvData) return E_POINTER;

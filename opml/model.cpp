@@ -113,21 +113,15 @@ STDMETHODIMP CCoOutline::put_IsComment(VARIANT_BOOL vbIsComment) { return PutFla
 STDMETHODIMP CCoOutline::get_IsBreakPoint(VARIANT_BOOL* pvbIsBreakPoint) {
     return GetFlag(kIsBreakpoint, pvbIsBreakPoint);
 }
-STDMETHODIMP CCoOutline::put_IsBreakPoint(VARIANT_BOOL vbIsBreakPoint) { return PutFlag(kIsBreakpoint, vbIsBreakPoint); }
+STDMETHODIMP CCoOutline::put_IsBreakPoint(VARIANT_BOOL vbIsBreakPoint) {
+    return PutFlag(kIsBreakpoint, vbIsBreakPoint);
+}
 
 STDMETHODIMP CCoOutline::get_Attributes(IOPMLAttributes** ppAttributes) {
-    if (!ppAttributes) return E_POINTER;
-    *ppAttributes = m_attributes.Get();
-    (*ppAttributes)->AddRef();
-    return S_OK;
+    return HandOut(m_attributes.Get(), ppAttributes);
 }
 
-STDMETHODIMP CCoOutline::get_SubItems(IOPMLOutlines** ppSubItems) {
-    if (!ppSubItems) return E_POINTER;
-    *ppSubItems = m_subItems.Get();
-    (*ppSubItems)->AddRef();
-    return S_OK;
-}
+STDMETHODIMP CCoOutline::get_SubItems(IOPMLOutlines** ppSubItems) { return HandOut(m_subItems.Get(), ppSubItems); }
 
 bool CCoOutline::TextIs(const wchar_t* text, UINT length) {
     ComPtr<CCoAttribute> attribute = m_attributes->Find(kText);
@@ -383,10 +377,7 @@ STDMETHODIMP CHeader::get_OwnerEmail(BSTR* pbstrOwnerEmail) { return GetString(m
 STDMETHODIMP CHeader::put_OwnerEmail(BSTR bstrOwnerEmail) { return PutString(m_ownerEmail, bstrOwnerEmail); }
 
 STDMETHODIMP CHeader::get_ExpansionState(IOPMLExpansionState** ppExpansionState) {
-    if (!ppExpansionState) return E_POINTER;
-    *ppExpansionState = m_expansionState.Get();
-    (*ppExpansionState)->AddRef();
-    return S_OK;
+    return HandOut(m_expansionState.Get(), ppExpansionState);
 }
 
 STDMETHODIMP CHeader::get_VertScrollState(ULONG* pdwVertScrollState) {

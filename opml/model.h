@@ -18,6 +18,15 @@ namespace OPML {
 
 using com::ComPtr;
 
+// Hands one of an object's own parts to a caller, with a reference.
+template <class I, class Part>
+HRESULT HandOut(Part* part, I** out) {
+    if (!out) return E_POINTER;
+    *out = part;
+    (*out)->AddRef();
+    return S_OK;
+}
+
 // One name/value pair of an outline.
 class CCoAttribute : public com::Object<CCoAttribute, com::Dual<IOPMLAttribute>> {
 public:

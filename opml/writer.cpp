@@ -98,7 +98,9 @@ void WriteHeader(CXmlTextWriter& out, IOPMLHeader* header) {
     ULONG scroll = 0;
     ThrowIfFailed(header->get_VertScrollState(&scroll));
     // Written as a signed number: 0x80000000 and above come out negative.
-    if (scroll != 0xFFFFFFFF) ThrowIfFailed(out.TextElement("vertScrollState", std::to_string(static_cast<LONG>(scroll))));
+    if (scroll != 0xFFFFFFFF) {
+        ThrowIfFailed(out.TextElement("vertScrollState", std::to_string(static_cast<LONG>(scroll))));
+    }
 
     LONG edges[4] = {};
     ThrowIfFailed(header->get_WindowTop(&edges[0]));

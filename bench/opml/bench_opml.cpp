@@ -19,40 +19,21 @@
 #include "bench.h"
 #include "kyutils.h"
 #include "opml/sax.h"
+#include "writeonlystream.h"
 
 using Microsoft::WRL::ComPtr;
 
 namespace {
 
 // A stream that only counts what is written to it.
-class CountingStream : public IStream {
+class CountingStream : public ky::test::WriteOnlyStream {
 public:
-    STDMETHODIMP QueryInterface(REFIID riid, void** ppv) override {
-        if (IsEqualIID(riid, IID_IUnknown) || IsEqualIID(riid, IID_ISequentialStream) || IsEqualIID(riid, IID_IStream)) {
-            *ppv = static_cast<IStream*>(this);
-            return S_OK;
-        }
-        *ppv = nullptr;
-        return E_NOINTERFACE;
-    }
-    STDMETHODIMP_(ULONG) AddRef() override { return 2; }
-    STDMETHODIMP_(ULONG) Release() override { return 1; }
     STDMETHODIMP Write(const void*, ULONG count, ULONG* written) override {
         bytes += count;
         ++writes;
         if (written) *written = count;
         return S_OK;
     }
-    STDMETHODIMP Read(void*, ULONG, ULONG*) override { return E_NOTIMPL; }
-    STDMETHODIMP Seek(LARGE_INTEGER, DWORD, ULARGE_INTEGER*) override { return E_NOTIMPL; }
-    STDMETHODIMP SetSize(ULARGE_INTEGER) override { return E_NOTIMPL; }
-    STDMETHODIMP CopyTo(IStream*, ULARGE_INTEGER, ULARGE_INTEGER*, ULARGE_INTEGER*) override { return E_NOTIMPL; }
-    STDMETHODIMP Commit(DWORD) override { return E_NOTIMPL; }
-    STDMETHODIMP Revert() override { return E_NOTIMPL; }
-    STDMETHODIMP LockRegion(ULARGE_INTEGER, ULARGE_INTEGER, DWORD) override { return E_NOTIMPL; }
-    STDMETHODIMP UnlockRegion(ULARGE_INTEGER, ULARGE_INTEGER, DWORD) override { return E_NOTIMPL; }
-    STDMETHODIMP Stat(STATSTG*, DWORD) override { return E_NOTIMPL; }
-    STDMETHODIMP Clone(IStream**) override { return E_NOTIMPL; }
     size_t bytes = 0;
     size_t writes = 0;
 };
@@ -132,7 +113,8 @@ ComPtr<IOPMLDocument> Generate(size_t bytes) {
             ComPtr<IOPMLOutline> item;
             items->AddNew(&item);
             item->get_Attributes(attributes.ReleaseAndGetAddressOf());
-            Put(attributes.Get(), L"text", L"Item " + std::to_wstring(i) + L" of \"folder\" " + std::to_wstring(folder));
+            Put(attributes.Get(), L"text",
+                L"Item " + std::to_wstring(i) + L" of \"folder\" " + std::to_wstring(folder));
             Put(attributes.Get(), L"type", L"link");
             Put(attributes.Get(), L"url", L"https://example.org/items?folder=" + std::to_wstring(folder) +
                                               L"&item=" + std::to_wstring(i));

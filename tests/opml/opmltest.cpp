@@ -4,6 +4,18 @@
 
 namespace ky::test::opml {
 
+namespace {
+
+// An object that a property getter hands out.
+template <class I, class Owner>
+ComPtr<I> Got(Owner* owner, HRESULT (STDMETHODCALLTYPE Owner::*get)(I**)) {
+    ComPtr<I> object;
+    EXPECT_HR(S_OK, (owner->*get)(&object));
+    return object;
+}
+
+}  // namespace
+
 ComPtr<IOPMLDocument> NewDocument() {
     ComPtr<IOPMLDocument> document;
     EXPECT_HR(S_OK, ::CoCreateInstance(CLSID_OPMLDocument, nullptr, CLSCTX_INPROC_SERVER, IID_IOPMLDocument,
@@ -11,17 +23,9 @@ ComPtr<IOPMLDocument> NewDocument() {
     return document;
 }
 
-ComPtr<IOPMLHeader> HeaderOf(IOPMLDocument* document) {
-    ComPtr<IOPMLHeader> header;
-    EXPECT_HR(S_OK, document->get_Header(&header));
-    return header;
-}
+ComPtr<IOPMLHeader> HeaderOf(IOPMLDocument* document) { return Got<IOPMLHeader>(document, &IOPMLDocument::get_Header); }
 
-ComPtr<IOPMLOutlines> BodyOf(IOPMLDocument* document) {
-    ComPtr<IOPMLOutlines> body;
-    EXPECT_HR(S_OK, document->get_Body(&body));
-    return body;
-}
+ComPtr<IOPMLOutlines> BodyOf(IOPMLDocument* document) { return Got<IOPMLOutlines>(document, &IOPMLDocument::get_Body); }
 
 HRESULT SaveTo(IOPMLDocument* document, std::string* bytes) {
     ComPtr<IStream> stream;
@@ -129,15 +133,11 @@ LONG CountOf(IOPMLOutlines* outlines) {
 }
 
 ComPtr<IOPMLOutlines> SubItemsOf(IOPMLOutline* outline) {
-    ComPtr<IOPMLOutlines> subItems;
-    EXPECT_HR(S_OK, outline->get_SubItems(&subItems));
-    return subItems;
+    return Got<IOPMLOutlines>(outline, &IOPMLOutline::get_SubItems);
 }
 
 ComPtr<IOPMLAttributes> AttributesOf(IOPMLOutline* outline) {
-    ComPtr<IOPMLAttributes> attributes;
-    EXPECT_HR(S_OK, outline->get_Attributes(&attributes));
-    return attributes;
+    return Got<IOPMLAttributes>(outline, &IOPMLOutline::get_Attributes);
 }
 
 void AddAttribute(IOPMLOutline* outline, const std::wstring& name, const std::wstring& value) {

@@ -51,7 +51,9 @@ protected:
         m_body.Reset();
         m_document.Reset();
     }
-    HRESULT Lookup(VARIANT key, ComPtr<IOPMLOutline>* found) { return m_body->get_Item(&key, found->ReleaseAndGetAddressOf()); }
+    HRESULT Lookup(VARIANT key, ComPtr<IOPMLOutline>* found) {
+        return m_body->get_Item(&key, found->ReleaseAndGetAddressOf());
+    }
 
     ComPtr<IOPMLDocument> m_document;
     ComPtr<IOPMLOutlines> m_body;

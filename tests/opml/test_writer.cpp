@@ -3,6 +3,7 @@
 #include <limits>
 
 #include "opmltest.h"
+#include "writeonlystream.h"
 
 namespace ky::test::opml {
 namespace {
@@ -148,26 +149,9 @@ TEST(Writer, DeepNestingIsIndentedOneTabPerLevel) {
 }
 
 // A stream that takes `capacity` bytes and then writes short or fails.
-class LimitedStream : public IStream {
+class LimitedStream : public WriteOnlyStream {
 public:
     LimitedStream(size_t capacity, bool fail) : m_capacity(capacity), m_fail(fail) {}
-    virtual ~LimitedStream() = default;
-    STDMETHODIMP QueryInterface(REFIID riid, void** ppv) override {
-        if (IsEqualIID(riid, IID_IUnknown) || IsEqualIID(riid, IID_ISequentialStream) ||
-            IsEqualIID(riid, IID_IStream)) {
-            *ppv = static_cast<IStream*>(this);
-            AddRef();
-            return S_OK;
-        }
-        *ppv = nullptr;
-        return E_NOINTERFACE;
-    }
-    STDMETHODIMP_(ULONG) AddRef() override { return ++m_refs; }
-    STDMETHODIMP_(ULONG) Release() override {
-        ULONG refs = --m_refs;
-        if (!refs) delete this;
-        return refs;
-    }
     STDMETHODIMP Write(const void* data, ULONG count, ULONG* written) override {
         if (m_refused) ++writesAfterRefusal;
         size_t room = m_capacity - bytes.size();
@@ -178,25 +162,14 @@ public:
         if (written) *written = taken;
         return S_OK;
     }
-    STDMETHODIMP Read(void*, ULONG, ULONG*) override { return E_NOTIMPL; }
-    STDMETHODIMP Seek(LARGE_INTEGER, DWORD, ULARGE_INTEGER*) override { return E_NOTIMPL; }
-    STDMETHODIMP SetSize(ULARGE_INTEGER) override { return E_NOTIMPL; }
-    STDMETHODIMP CopyTo(IStream*, ULARGE_INTEGER, ULARGE_INTEGER*, ULARGE_INTEGER*) override { return E_NOTIMPL; }
-    STDMETHODIMP Commit(DWORD) override { return E_NOTIMPL; }
-    STDMETHODIMP Revert() override { return E_NOTIMPL; }
-    STDMETHODIMP LockRegion(ULARGE_INTEGER, ULARGE_INTEGER, DWORD) override { return E_NOTIMPL; }
-    STDMETHODIMP UnlockRegion(ULARGE_INTEGER, ULARGE_INTEGER, DWORD) override { return E_NOTIMPL; }
-    STDMETHODIMP Stat(STATSTG*, DWORD) override { return E_NOTIMPL; }
-    STDMETHODIMP Clone(IStream**) override { return E_NOTIMPL; }
 
     std::string bytes;
     int writesAfterRefusal = 0;
 
 private:
-    ULONG m_refs = 1;
-    bool m_refused = false;
     size_t m_capacity;
     bool m_fail;
+    bool m_refused = false;
 };
 
 TEST(Writer, AShortOrFailingWriteEndsTheSaveAndKeepsWhatWasWritten) {
@@ -205,23 +178,21 @@ TEST(Writer, AShortOrFailingWriteEndsTheSaveAndKeepsWhatWasWritten) {
     const std::string full = Saved(document.Get());
     for (bool fail : {false, true}) {
         for (size_t capacity : {size_t{0}, size_t{10}, kDeclaration.size(), full.size() - 1}) {
-            ComPtr<LimitedStream> stream;
-            stream.Attach(new LimitedStream(capacity, fail));
+            LimitedStream stream(capacity, fail);
             VARIANT target;
             V_VT(&target) = VT_UNKNOWN;
-            V_UNKNOWN(&target) = stream.Get();
+            V_UNKNOWN(&target) = &stream;
             EXPECT_HR(E_FAIL, document->Save(&target)) << capacity;
-            EXPECT_EQ(full.substr(0, fail ? stream->bytes.size() : capacity), stream->bytes);
-            EXPECT_EQ(0, stream->writesAfterRefusal);
+            EXPECT_EQ(full.substr(0, fail ? stream.bytes.size() : capacity), stream.bytes);
+            EXPECT_EQ(0, stream.writesAfterRefusal);
         }
     }
-    ComPtr<LimitedStream> roomy;
-    roomy.Attach(new LimitedStream(full.size(), false));
+    LimitedStream roomy(full.size(), false);
     VARIANT target;
     V_VT(&target) = VT_UNKNOWN;
-    V_UNKNOWN(&target) = roomy.Get();
+    V_UNKNOWN(&target) = &roomy;
     EXPECT_HR(S_OK, document->Save(&target));
-    EXPECT_EQ(full, roomy->bytes);
+    EXPECT_EQ(full, roomy.bytes);
 }
 
 TEST(Writer, OnlyAStreamGivenAsUnknownIsAccepted) {
