@@ -29,7 +29,7 @@
 
 #include "strings/searchgroups.h"
 
-// #include "opml/document.h"
+#include "opml/document.h"
 
 namespace ky {
 
@@ -73,7 +73,7 @@ ObjectMapEntry g_objectMap[] = {
     MakeObjectMapEntry<CCoSearchAttributesGroupSet, ClassFactory>(CLSID_SearchAttributesGroupSet,
                                                                   IDR_SEARCHATTRIBUTESGROUPSET),
 
-    // MakeObjectMapEntry<OPML::CCoDocument, ClassFactory>(CLSID_OPMLDocument, IDR_OPMLDOCUMENT),
+    MakeObjectMapEntry<OPML::CCoDocument, ClassFactory>(CLSID_OPMLDocument, IDR_OPMLDOCUMENT),
 };
 
 }  // namespace

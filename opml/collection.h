@@ -1,0 +1,210 @@
+// The shape that the outline and attribute collections share: an ordered
+// list of elements made by the collection itself, looked up by a VARIANT
+// that holds a 1-based position, a name or one of the elements.
+#pragma once
+
+#include <windows.h>
+#include <oaidl.h>
+
+#include <utility>
+#include <vector>
+
+#include "com/enumerator.h"
+#include "com/guard.h"
+#include "com/object.h"
+#include "com/raii.h"
+
+namespace OPML {
+
+// E_KY_ELEMENTNOTFOUND, "Element was not found." in the library's message table.
+constexpr HRESULT kElementNotFound = static_cast<HRESULT>(0x80041021);
+
+using VariantEnumerator = com::SnapshotEnumerator<IEnumVARIANT, VARIANT>;
+
+// Hands `items` (whose references it takes over) to a caller as an
+// IEnumVARIANT.
+inline HRESULT MakeVariantEnumerator(std::vector<VARIANT> items, IUnknown** result) {
+    return VariantEnumerator::Create(std::move(items), nullptr, IID_IUnknown, reinterpret_cast<void**>(result));
+}
+
+// Wine's JScript asks for _NewEnum with DISPATCH_METHOD alone, which the
+// type library's property does not answer; collections give their
+// enumerator either way.
+template <class I>
+HRESULT InvokeEnumerable(com::DispatchImpl<I>* self, DISPID id, REFIID riid, LCID lcid, WORD flags,
+                         DISPPARAMS* params, VARIANT* result, EXCEPINFO* excepInfo, UINT* argErr) {
+    if (id == DISPID_NEWENUM && (flags & DISPATCH_METHOD)) flags |= DISPATCH_PROPERTYGET;
+    return self->com::DispatchImpl<I>::Invoke(id, riid, lcid, flags, params, result, excepInfo, argErr);
+}
+
+// A lookup key taken apart before the collection's lock is taken, so that
+// no foreign object is called under it.
+struct LookupKey {
+    enum class Kind { Position, Name, Object } kind = Kind::Position;
+    LONGLONG position = 0;
+    com::Bstr name;
+    com::ComPtr<IUnknown> identity;
+
+    // E_INVALIDARG for a VARIANT type that is none of the three kinds. A
+    // reference (as script hosts pass their variables) counts as its target.
+    HRESULT Parse(const VARIANT* key) {
+        com::Variant target;
+        if (V_VT(key) & VT_BYREF) {
+            if (FAILED(::VariantCopyInd(&target, const_cast<VARIANT*>(key)))) return E_INVALIDARG;
+            key = &target;
+        }
+        switch (V_VT(key)) {
+            case VT_I2: return SetPosition(V_I2(key));
+            case VT_I4: return SetPosition(V_I4(key));
+            case VT_UI2: return SetPosition(V_UI2(key));
+            case VT_UI4: return SetPosition(V_UI4(key));
+            case VT_INT: return SetPosition(V_INT(key));
+            case VT_UINT: return SetPosition(V_UINT(key));
+            case VT_BSTR:
+                kind = Kind::Name;
+                return name.Assign(V_BSTR(key));
+            case VT_DISPATCH:
+            case VT_UNKNOWN:
+                kind = Kind::Object;
+                if (V_UNKNOWN(key)) V_UNKNOWN(key)->QueryInterface(IID_IUnknown, &identity);
+                return S_OK;
+            default:
+                return E_INVALIDARG;
+        }
+    }
+
+private:
+    HRESULT SetPosition(LONGLONG value) {
+        kind = Kind::Position;
+        position = value;
+        return S_OK;
+    }
+};
+
+// Derived provides `static bool Matches(Element*, BSTR name)` for lookups by
+// name; Element is a com::Object made with Element::Make.
+template <class Derived, class Interface, class Element, class ElementInterface>
+class CCollection : public com::Object<Derived, com::Dual<Interface>> {
+public:
+    STDMETHODIMP Invoke(DISPID id, REFIID riid, LCID lcid, WORD flags, DISPPARAMS* params, VARIANT* result,
+                        EXCEPINFO* excepInfo, UINT* argErr) override {
+        return InvokeEnumerable<Interface>(this, id, riid, lcid, flags, params, result, excepInfo, argErr);
+    }
+
+    STDMETHODIMP get__NewEnum(IUnknown** ppEnum) override {
+        if (!ppEnum) return E_POINTER;
+        *ppEnum = nullptr;
+        return com::Guard([&] {
+            std::vector<VARIANT> items;
+            com::Lock lock(m_lock);
+            items.reserve(m_items.size());
+            for (const auto& element : m_items) {
+                VARIANT item;
+                V_VT(&item) = VT_DISPATCH;
+                V_DISPATCH(&item) = static_cast<ElementInterface*>(element.Get());
+                V_DISPATCH(&item)->AddRef();
+                items.push_back(item);
+            }
+            lock.Unlock();
+            return MakeVariantEnumerator(std::move(items), ppEnum);
+        });
+    }
+
+    STDMETHODIMP get_Item(VARIANT* pvID, ElementInterface** ppItem) override {
+        if (!ppItem) return E_POINTER;
+        *ppItem = nullptr;
+        if (!pvID) return E_POINTER;
+        LookupKey key;
+        HRESULT hr = key.Parse(pvID);
+        if (FAILED(hr)) return hr;
+        com::Lock lock(m_lock);
+        size_t index = 0;
+        hr = Locate(key, &index);
+        if (FAILED(hr)) return hr;
+        *ppItem = m_items[index].Get();
+        (*ppItem)->AddRef();
+        return S_OK;
+    }
+
+    STDMETHODIMP get_Count(LONG* plCount) override {
+        if (!plCount) return E_POINTER;
+        com::Lock lock(m_lock);
+        *plCount = static_cast<LONG>(m_items.size());
+        return S_OK;
+    }
+
+    STDMETHODIMP AddNew(ElementInterface** ppItem) override {
+        if (!ppItem) return E_POINTER;
+        *ppItem = nullptr;
+        com::ComPtr<Element> element;
+        HRESULT hr = Append(element);
+        if (SUCCEEDED(hr)) *ppItem = element.Detach();
+        return hr;
+    }
+
+    STDMETHODIMP Remove(VARIANT* pvID) override {
+        if (!pvID) return E_POINTER;
+        LookupKey key;
+        HRESULT hr = key.Parse(pvID);
+        if (FAILED(hr)) return hr;
+        com::ComPtr<Element> removed;  // released once the lock is left
+        com::Lock lock(m_lock);
+        size_t index = 0;
+        hr = Locate(key, &index);
+        if (FAILED(hr)) return hr;
+        removed = std::move(m_items[index]);
+        m_items.erase(m_items.begin() + static_cast<ptrdiff_t>(index));
+        return S_OK;
+    }
+
+    STDMETHODIMP Clear() override {
+        std::vector<com::ComPtr<Element>> removed;  // released once the lock is left
+        com::Lock lock(m_lock);
+        removed.swap(m_items);
+        return S_OK;
+    }
+
+    // Makes a new element and appends it.
+    HRESULT Append(com::ComPtr<Element>& element) {
+        HRESULT hr = Element::Make(element);
+        if (FAILED(hr)) return hr;
+        return com::Guard([&] {
+            com::Lock lock(m_lock);
+            m_items.push_back(element);
+            return S_OK;
+        });
+    }
+
+protected:
+    // The index of the element a key designates; called under the lock.
+    HRESULT Locate(const LookupKey& key, size_t* index) {
+        switch (key.kind) {
+            case LookupKey::Kind::Position:
+                if (key.position < 1 || key.position > static_cast<LONGLONG>(m_items.size())) return E_INVALIDARG;
+                *index = static_cast<size_t>(key.position - 1);
+                return S_OK;
+            case LookupKey::Kind::Name:
+                for (size_t i = 0; i < m_items.size(); ++i) {
+                    if (Derived::Matches(m_items[i].Get(), key.name.Get())) {
+                        *index = i;
+                        return S_OK;
+                    }
+                }
+                return kElementNotFound;
+            case LookupKey::Kind::Object:
+                for (size_t i = 0; i < m_items.size(); ++i) {
+                    if (key.identity && m_items[i]->Identity() == key.identity.Get()) {
+                        *index = i;
+                        return S_OK;
+                    }
+                }
+                return kElementNotFound;
+        }
+        return E_INVALIDARG;
+    }
+
+    com::CriticalSection m_lock;
+    std::vector<com::ComPtr<Element>> m_items;
+};
+
+}  // namespace OPML

@@ -1,0 +1,194 @@
+// The OPML object model below the document: header, expansion state,
+// outline collections, outlines and their attributes. None of these classes
+// has a class object: the document creates its header and body, and the
+// collections create their elements.
+#pragma once
+
+#include <windows.h>
+#include <ocidl.h>
+
+#include <vector>
+
+#include "com/object.h"
+#include "com/raii.h"
+#include "kyutils.h"
+#include "opml/collection.h"
+
+namespace OPML {
+
+using com::ComPtr;
+
+// Hands one of an object's own parts to a caller, with a reference.
+template <class I, class Part>
+HRESULT HandOut(Part* part, I** out) {
+    if (!out) return E_POINTER;
+    *out = part;
+    (*out)->AddRef();
+    return S_OK;
+}
+
+// One name/value pair of an outline.
+class CCoAttribute : public com::Object<CCoAttribute, com::Dual<IOPMLAttribute>> {
+public:
+    STDMETHODIMP get_Name(BSTR* pbstrName) override;
+    STDMETHODIMP put_Name(BSTR bstrName) override;
+    STDMETHODIMP get_Value(BSTR* pbstrValue) override;
+    STDMETHODIMP put_Value(BSTR bstrValue) override;
+
+    bool NameIs(const wchar_t* name, UINT length);
+    bool ValueIs(const wchar_t* value, UINT length);
+    HRESULT SetName(const wchar_t* name);
+    HRESULT SetValue(const wchar_t* value, UINT length);
+
+private:
+    com::CriticalSection m_lock;
+    com::Bstr m_name;
+    com::Bstr m_value;
+};
+
+// The attributes of an outline, in insertion order (the order they are written).
+class CCoAttributes : public CCollection<CCoAttributes, IOPMLAttributes, CCoAttribute, IOPMLAttribute> {
+public:
+    // Name lookup: the attribute of that name.
+    static bool Matches(CCoAttribute* attribute, BSTR name) { return attribute->NameIs(name, ::SysStringLen(name)); }
+
+    // The first attribute of that name, or null.
+    ComPtr<CCoAttribute> Find(const wchar_t* name);
+    // The first attribute of that name, appended when missing; atomic, so
+    // that two readers of a missing attribute do not both add it.
+    HRESULT FindOrAdd(const wchar_t* name, ComPtr<CCoAttribute>& attribute);
+    // The attribute at a 0-based position, or null.
+    ComPtr<CCoAttribute> At(size_t index);
+};
+
+class CCoOutline;
+
+// An ordered list of outlines: the document's body or an outline's SubItems.
+class COutlines : public CCollection<COutlines, IOPMLOutlines, CCoOutline, IOPMLOutline> {
+public:
+    // Name lookup: the outline whose "text" attribute equals the name. The
+    // lookup does not add "text" attributes to outlines that lack one.
+    static bool Matches(CCoOutline* outline, BSTR name);
+};
+
+// An outline: its attributes and its sub-items, nothing else. Text, type and
+// the two flags are views over attributes of fixed names.
+class CCoOutline : public com::Object<CCoOutline, com::Dual<IOPMLOutline>, IPropertyBag, IPropertyBag2> {
+public:
+    HRESULT FinalConstruct();
+
+    // IOPMLOutline
+    STDMETHODIMP get_Text(BSTR* pbstrText) override;
+    STDMETHODIMP put_Text(BSTR bstrText) override;
+    STDMETHODIMP get_type(BSTR* pbstrType) override;
+    STDMETHODIMP put_type(BSTR bstrType) override;
+    STDMETHODIMP get_IsComment(VARIANT_BOOL* pvbIsComment) override;
+    STDMETHODIMP put_IsComment(VARIANT_BOOL vbIsComment) override;
+    STDMETHODIMP get_IsBreakPoint(VARIANT_BOOL* pvbIsBreakPoint) override;
+    STDMETHODIMP put_IsBreakPoint(VARIANT_BOOL vbIsBreakPoint) override;
+    STDMETHODIMP get_Attributes(IOPMLAttributes** ppAttributes) override;
+    STDMETHODIMP get_SubItems(IOPMLOutlines** ppSubItems) override;
+
+    // IPropertyBag: attributes by name, converted from and to text.
+    STDMETHODIMP Read(LPCOLESTR pszPropName, VARIANT* pVar, IErrorLog* pErrorLog) override;
+    STDMETHODIMP Write(LPCOLESTR pszPropName, VARIANT* pVar) override;
+
+    // IPropertyBag2
+    STDMETHODIMP Read(ULONG cProperties, PROPBAG2* pPropBag, IErrorLog* pErrLog, VARIANT* pvarValue,
+                      HRESULT* phrError) override;
+    STDMETHODIMP Write(ULONG cProperties, PROPBAG2* pPropBag, VARIANT* pvarValue) override;
+    STDMETHODIMP CountProperties(ULONG* pcProperties) override;
+    STDMETHODIMP GetPropertyInfo(ULONG iProperty, ULONG cProperties, PROPBAG2* pPropBag,
+                                 ULONG* pcProperties) override;
+    STDMETHODIMP LoadObject(LPCOLESTR pstrName, DWORD dwHint, IUnknown* pUnkObject, IErrorLog* pErrLog) override;
+
+    // The value of the "text" attribute, without adding it when missing.
+    bool TextIs(const wchar_t* text, UINT length);
+
+private:
+    HRESULT GetText(const wchar_t* name, BSTR* value);
+    HRESULT PutText(const wchar_t* name, BSTR value);
+    HRESULT GetFlag(const wchar_t* name, VARIANT_BOOL* value);
+    HRESULT PutFlag(const wchar_t* name, VARIANT_BOOL value);
+    HRESULT ReadNamed(LPCOLESTR name, VARTYPE type, VARIANT* value);
+    HRESULT WriteNamed(LPCOLESTR name, const VARIANT* value);
+
+    // Both are made with the outline and live as long as it: no lock needed.
+    ComPtr<CCoAttributes> m_attributes;
+    ComPtr<COutlines> m_subItems;
+};
+
+// The numbers of the expanded outline lines.
+class CExpansionState : public com::Object<CExpansionState, com::Dual<IOPMLExpansionState>> {
+public:
+    STDMETHODIMP Invoke(DISPID id, REFIID riid, LCID lcid, WORD flags, DISPPARAMS* params, VARIANT* result,
+                        EXCEPINFO* excepInfo, UINT* argErr) override {
+        return InvokeEnumerable<IOPMLExpansionState>(this, id, riid, lcid, flags, params, result, excepInfo, argErr);
+    }
+
+    STDMETHODIMP get__NewEnum(IUnknown** ppEnum) override;
+    STDMETHODIMP get_Item(LONG lindex, LONG* plValue) override;
+    STDMETHODIMP get_Count(LONG* plCount) override;
+    STDMETHODIMP Add(INT nValue) override;
+    STDMETHODIMP Remove(LONG lindex) override;
+    STDMETHODIMP Clear() override;
+
+private:
+    com::CriticalSection m_lock;
+    std::vector<LONG> m_values;
+};
+
+// The document's head: title, dates, owner, expansion state, scroll state
+// and window edges.
+class CHeader : public com::Object<CHeader, com::Dual<IOPMLHeader>> {
+public:
+    // The vertical scroll state that stands for "not set".
+    static constexpr ULONG kNoScrollState = 0xFFFFFFFF;
+
+    HRESULT FinalConstruct();
+
+    STDMETHODIMP get_Title(BSTR* pbstrTitle) override;
+    STDMETHODIMP put_Title(BSTR bstrTitle) override;
+    STDMETHODIMP get_DateCreated(DATE* pdtCreated) override;
+    STDMETHODIMP put_DateCreated(DATE dtCreated) override;
+    STDMETHODIMP get_DateModified(DATE* pdtModified) override;
+    STDMETHODIMP put_DateModified(DATE dtModified) override;
+    STDMETHODIMP get_OwnerName(BSTR* pbstrOwnerName) override;
+    STDMETHODIMP put_OwnerName(BSTR bstrOwnerName) override;
+    STDMETHODIMP get_OwnerEmail(BSTR* pbstrOwnerEmail) override;
+    STDMETHODIMP put_OwnerEmail(BSTR bstrOwnerEmail) override;
+    STDMETHODIMP get_ExpansionState(IOPMLExpansionState** ppExpansionState) override;
+    STDMETHODIMP get_VertScrollState(ULONG* pdwVertScrollState) override;
+    STDMETHODIMP put_VertScrollState(ULONG dwVertScrollState) override;
+    STDMETHODIMP get_WindowTop(LONG* plWindowTop) override;
+    STDMETHODIMP put_WindowTop(LONG lWindowTop) override;
+    STDMETHODIMP get_WindowLeft(LONG* plWindowLeft) override;
+    STDMETHODIMP put_WindowLeft(LONG lWindowLeft) override;
+    STDMETHODIMP get_WindowBottom(LONG* plWindowBottom) override;
+    STDMETHODIMP put_WindowBottom(LONG lWindowBottom) override;
+    STDMETHODIMP get_WindowRight(LONG* plWindowRight) override;
+    STDMETHODIMP put_WindowRight(LONG lWindowRight) override;
+
+private:
+    HRESULT GetString(const com::Bstr& field, BSTR* value);
+    HRESULT PutString(com::Bstr& field, BSTR value);
+    template <class T>
+    HRESULT GetValue(const T& field, T* value);
+    template <class T>
+    HRESULT PutValue(T& field, T value);
+
+    com::CriticalSection m_lock;
+    com::Bstr m_title;
+    com::Bstr m_ownerName;
+    com::Bstr m_ownerEmail;
+    DATE m_created = 0.0;
+    DATE m_modified = 0.0;
+    ULONG m_vertScrollState = kNoScrollState;
+    LONG m_windowTop = 0;
+    LONG m_windowLeft = 0;
+    LONG m_windowBottom = 0;
+    LONG m_windowRight = 0;
+    ComPtr<CExpansionState> m_expansionState;  // made with the header, never replaced
+};
+
+}  // namespace OPML

@@ -1,0 +1,56 @@
+// The OPML writer: an XML text writer that sends UTF-8 straight into a
+// caller's stream, and the routine that writes a document through the
+// model's interfaces.
+#pragma once
+
+#include <windows.h>
+#include <objidl.h>
+
+#include <string>
+
+#include "com/object.h"
+#include "kyutils.h"
+
+namespace OPML {
+
+class CXmlTextWriter {
+public:
+    // `lineEnd` empty: no line ends at all; `indent` false: no indentation.
+    CXmlTextWriter(IStream* target, const char* lineEnd, bool indent);
+
+    void SetDepth(unsigned depth) { m_depth = depth; }
+    unsigned Depth() const { return m_depth; }
+
+    // <?xml version="1.0" encoding="utf-8"?> and a line end.
+    HRESULT Declaration();
+    // Depth TABs, at most 32 per write.
+    HRESULT Indent();
+    // Indent, `tag` as it stands, line end.
+    HRESULT Line(const char* tag);
+    // Indent, <name>, the text escaped as element text, </name>, line end.
+    HRESULT TextElement(const char* name, const wchar_t* text, UINT length);
+    HRESULT TextElement(const char* name, const std::string& utf8);
+    // A blank, the name as it stands, =", the value escaped as attribute text, ".
+    HRESULT Attribute(const wchar_t* name, UINT nameLength, const wchar_t* value, UINT valueLength);
+    // `bytes` as they stand, optionally followed by the line end.
+    HRESULT Raw(const char* bytes, bool lineEnd = false);
+
+private:
+    HRESULT Send(const char* bytes, size_t count);
+    HRESULT ToUtf8(const wchar_t* text, UINT length, std::string* utf8);
+
+    com::ComPtr<IStream> m_target;
+    std::string m_lineEnd;
+    bool m_indent;
+    unsigned m_depth = 0;
+    // Scratch space reused from one operation to the next; every operation
+    // still writes all of its bytes before it returns.
+    std::string m_utf8;
+    std::string m_out;
+};
+
+// Writes the document as OPML 1.0. E_FAIL when a write fails or falls short
+// (the bytes already written stay in the stream).
+HRESULT SaveDocument(IOPMLDocument* document, IStream* target);
+
+}  // namespace OPML
