@@ -4,13 +4,11 @@
 #include <cstring>
 
 #include "com/guard.h"
+#include "server/resultcodes.h"
 
 namespace ky {
 
 namespace {
-
-// "Element was not found." in the library's message table.
-constexpr HRESULT kElementNotFound = static_cast<HRESULT>(0x80041021ul);
 
 // An icon type names one of five kinds in its low five bits and one of two
 // variants in bits 8-9; the other bits are the views' own business.
@@ -168,7 +166,7 @@ STDMETHODIMP CCoKyObjectMetaData::DecodeState(ULONG dwState, BSTR* pbstrState) {
 STDMETHODIMP CCoKyObjectMetaData::IsInterfaceSupported(REFIID riid) {
     auto list = Interfaces();
     if (list && std::binary_search(list->begin(), list->end(), riid, &Less)) return S_OK;
-    return kElementNotFound;
+    return E_KY_ELEMENTNOTFOUND;
 }
 
 STDMETHODIMP CCoKyObjectMetaData::put_SortingPreference(ULONG dwAscending, ULONG dwDescending) {

@@ -13,11 +13,9 @@
 #include "com/guard.h"
 #include "com/object.h"
 #include "com/raii.h"
+#include "server/resultcodes.h"
 
 namespace OPML {
-
-// E_KY_ELEMENTNOTFOUND, "Element was not found." in the library's message table.
-constexpr HRESULT kElementNotFound = static_cast<HRESULT>(0x80041021);
 
 using VariantEnumerator = com::SnapshotEnumerator<IEnumVARIANT, VARIANT>;
 
@@ -25,16 +23,6 @@ using VariantEnumerator = com::SnapshotEnumerator<IEnumVARIANT, VARIANT>;
 // IEnumVARIANT.
 inline HRESULT MakeVariantEnumerator(std::vector<VARIANT> items, IUnknown** result) {
     return VariantEnumerator::Create(std::move(items), nullptr, IID_IUnknown, reinterpret_cast<void**>(result));
-}
-
-// Wine's JScript asks for _NewEnum with DISPATCH_METHOD alone, which the
-// type library's property does not answer; collections give their
-// enumerator either way.
-template <class I>
-HRESULT InvokeEnumerable(com::DispatchImpl<I>* self, DISPID id, REFIID riid, LCID lcid, WORD flags,
-                         DISPPARAMS* params, VARIANT* result, EXCEPINFO* excepInfo, UINT* argErr) {
-    if (id == DISPID_NEWENUM && (flags & DISPATCH_METHOD)) flags |= DISPATCH_PROPERTYGET;
-    return self->com::DispatchImpl<I>::Invoke(id, riid, lcid, flags, params, result, excepInfo, argErr);
 }
 
 // A lookup key taken apart before the collection's lock is taken, so that
@@ -86,11 +74,6 @@ private:
 template <class Derived, class Interface, class Element, class ElementInterface>
 class CCollection : public com::Object<Derived, com::Dual<Interface>> {
 public:
-    STDMETHODIMP Invoke(DISPID id, REFIID riid, LCID lcid, WORD flags, DISPPARAMS* params, VARIANT* result,
-                        EXCEPINFO* excepInfo, UINT* argErr) override {
-        return InvokeEnumerable<Interface>(this, id, riid, lcid, flags, params, result, excepInfo, argErr);
-    }
-
     STDMETHODIMP get__NewEnum(IUnknown** ppEnum) override {
         if (!ppEnum) return E_POINTER;
         *ppEnum = nullptr;
@@ -190,7 +173,7 @@ protected:
                         return S_OK;
                     }
                 }
-                return kElementNotFound;
+                return E_KY_ELEMENTNOTFOUND;
             case LookupKey::Kind::Object:
                 for (size_t i = 0; i < m_items.size(); ++i) {
                     if (key.identity && m_items[i]->Identity() == key.identity.Get()) {
@@ -198,7 +181,7 @@ protected:
                         return S_OK;
                     }
                 }
-                return kElementNotFound;
+                return E_KY_ELEMENTNOTFOUND;
         }
         return E_INVALIDARG;
     }

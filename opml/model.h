@@ -121,11 +121,6 @@ private:
 // The numbers of the expanded outline lines.
 class CExpansionState : public com::Object<CExpansionState, com::Dual<IOPMLExpansionState>> {
 public:
-    STDMETHODIMP Invoke(DISPID id, REFIID riid, LCID lcid, WORD flags, DISPPARAMS* params, VARIANT* result,
-                        EXCEPINFO* excepInfo, UINT* argErr) override {
-        return InvokeEnumerable<IOPMLExpansionState>(this, id, riid, lcid, flags, params, result, excepInfo, argErr);
-    }
-
     STDMETHODIMP get__NewEnum(IUnknown** ppEnum) override;
     STDMETHODIMP get_Item(LONG lindex, LONG* plValue) override;
     STDMETHODIMP get_Count(LONG* plCount) override;

@@ -1,7 +1,7 @@
 #include "strings/searchgroups.h"
 
 #include "com/guard.h"
-#include "messages.h"
+#include "server/resultcodes.h"
 #include "resource.h"
 #include "strings/records.h"
 

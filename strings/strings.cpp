@@ -3,7 +3,7 @@
 #include <algorithm>
 
 #include "com/guard.h"
-#include "messages.h"
+#include "server/resultcodes.h"
 #include "strings/records.h"
 
 namespace ky {

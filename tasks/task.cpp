@@ -1,6 +1,6 @@
 #include "tasks/tasks.h"
 
-#include "messages.h"
+#include "server/resultcodes.h"
 
 namespace ky {
 
