@@ -15,7 +15,7 @@
 
 // #include "tasks/tasks.h"
 
-// #include "helpers/helpers.h"
+#include "helpers/helpers.h"
 
 // #include "dataexchange/objectcollection.h"
 
@@ -49,7 +49,7 @@ ObjectMapEntry g_objectMap[] = {
 
     // MakeObjectMapEntry<CKyTasks, SingletonFactory>(CLSID_KyTasks, IDR_KYTASKS),
 
-    // MakeObjectMapEntry<CCoKyHelpers, ClassFactory>(CLSID_KyHelpers, IDR_KYHELPERS),
+    MakeObjectMapEntry<CCoKyHelpers, ClassFactory>(CLSID_KyHelpers, IDR_KYHELPERS),
 
     // MakeObjectMapEntry<CCoKyObjectCollectionFactory, SingletonFactory>(CLSID_KyObjectCollectionFactory,
     //                                                                     IDR_KYOBJECTCOLLECTIONFACTORY),
