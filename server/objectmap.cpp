@@ -23,7 +23,7 @@
 
 // #include "strings/strings.h"
 
-// #include "sharedconfig/configuration.h"
+#include "sharedconfig/configuration.h"
 
 // #include "timer/systemtimer.h"
 
@@ -58,8 +58,8 @@ ObjectMapEntry g_objectMap[] = {
 
     // MakeObjectMapEntry<CCoKyStrings, ClassFactory>(CLSID_KyStrings, IDR_KYSTRINGS),
 
-    // MakeObjectMapEntry<CComStgOutriggedConfiguration, ClassFactory>(CLSID_ComStgOutriggedConfiguration,
-    //                                                                  IDR_COMSTGCONFIGURATIONMANAGER),
+    MakeObjectMapEntry<CComStgOutriggedConfiguration, ClassFactory>(CLSID_ComStgOutriggedConfiguration,
+                                                                     IDR_COMSTGCONFIGURATIONMANAGER),
 
     MakeObjectMapEntry<CMTAObjectGodfather, SingletonFactory>(CLSID_MTAObjectGodfather, IDR_MTAOBJECTGODFATHER),
 

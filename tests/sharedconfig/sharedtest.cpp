@@ -1,0 +1,208 @@
+#include "sharedtest.h"
+
+#include <atomic>
+#include <cstring>
+#include <vector>
+
+#include <wrl/client.h>
+
+#include "sharedconfig/sharedfile.h"
+
+using Microsoft::WRL::ComPtr;
+
+namespace ky::test {
+
+namespace records {
+
+namespace {
+
+constexpr char kMagic[4] = {'K', 'Y', 'R', '1'};
+constexpr size_t kHeader = 16;
+
+void PutU32(std::string& out, std::uint32_t value) {
+    for (int i = 0; i < 4; ++i) out.push_back(static_cast<char>((value >> (8 * i)) & 0xFF));
+}
+
+std::uint32_t GetU32(const std::string& in, size_t at) {
+    std::uint32_t value = 0;
+    for (int i = 3; i >= 0; --i) value = (value << 8) | static_cast<unsigned char>(in[at + i]);
+    return value;
+}
+
+}  // namespace
+
+std::string Make(std::uint32_t writer, std::uint32_t sequence) {
+    const std::uint32_t length = 40 + (writer * 977u + sequence * 131u) % 6000u;
+    std::string record(kMagic, 4);
+    PutU32(record, writer);
+    PutU32(record, sequence);
+    PutU32(record, length);
+    for (std::uint32_t i = 0; i < length; ++i) record.push_back(static_cast<char>((writer * 31u + sequence * 7u + i) & 0xFF));
+    return record;
+}
+
+Kind Check(const std::string& bytes) {
+    if (bytes.empty()) return Kind::Empty;
+    if (bytes.size() < kHeader || std::memcmp(bytes.data(), kMagic, 4) != 0) return Kind::Torn;
+    const std::uint32_t writer = GetU32(bytes, 4), sequence = GetU32(bytes, 8), length = GetU32(bytes, 12);
+    if (bytes.size() != kHeader + length) return Kind::Torn;
+    return bytes == Make(writer, sequence) ? Kind::Valid : Kind::Torn;
+}
+
+Kind CheckStorage(IStorage* storage) {
+    std::string texts[2];
+    bool present[2];
+    const wchar_t* names[2] = {L"record", L"copy"};
+    for (int i = 0; i < 2; ++i) {
+        ComPtr<IStream> stream;
+        present[i] = SUCCEEDED(storage->OpenStream(names[i], nullptr, STGM_READ | STGM_SHARE_EXCLUSIVE, 0, &stream));
+        if (present[i]) texts[i] = ReadStream(stream.Get());
+    }
+    if (!present[0] && !present[1]) return Kind::Empty;
+    if (!present[0] || !present[1] || texts[0] != texts[1]) return Kind::Torn;
+    return Check(texts[0]) == Kind::Valid ? Kind::Valid : Kind::Torn;
+}
+
+HRESULT WriteStorage(IStorage* storage, const std::string& record) {
+    for (const wchar_t* name : {L"record", L"copy"}) {
+        ComPtr<IStream> stream;
+        HRESULT hr = storage->CreateStream(name, STGM_READWRITE | STGM_SHARE_EXCLUSIVE | STGM_CREATE, 0, 0, &stream);
+        if (SUCCEEDED(hr)) hr = ReplaceStream(stream.Get(), record);
+        if (FAILED(hr)) return hr;
+    }
+    return S_OK;
+}
+
+}  // namespace records
+
+Manager::Manager() {
+    ::CoCreateInstance(CLSID_ComStgOutriggedConfiguration, nullptr, CLSCTX_INPROC_SERVER,
+                       IID_IComStgOutriggedConfiguration, &m_manager);
+}
+
+HRESULT Manager::Stream(const std::wstring& file, const std::wstring& name, ComPtr<IStream>* stream) const {
+    BSTR path = ::SysAllocString(file.c_str()), element = ::SysAllocString(name.c_str());
+    HRESULT hr = m_manager->AcquireStream(path, element, stream->ReleaseAndGetAddressOf());
+    ::SysFreeString(path);
+    ::SysFreeString(element);
+    return hr;
+}
+
+HRESULT Manager::Storage(const std::wstring& file, const std::wstring& name, ComPtr<IStorage>* storage) const {
+    BSTR path = ::SysAllocString(file.c_str()), element = ::SysAllocString(name.c_str());
+    HRESULT hr = m_manager->AcquireStorage(path, element, storage->ReleaseAndGetAddressOf());
+    ::SysFreeString(path);
+    ::SysFreeString(element);
+    return hr;
+}
+
+std::string ReadStream(IStream* stream) {
+    LARGE_INTEGER start = {};
+    if (FAILED(stream->Seek(start, STREAM_SEEK_SET, nullptr))) return "<unreadable>";
+    std::string bytes;
+    char buffer[8192];
+    for (;;) {
+        ULONG read = 0;
+        HRESULT hr = stream->Read(buffer, sizeof buffer, &read);
+        if (FAILED(hr)) return "<unreadable>";
+        if (read == 0) break;
+        bytes.append(buffer, read);
+    }
+    return bytes;
+}
+
+HRESULT ReplaceStream(IStream* stream, const std::string& bytes) {
+    ULARGE_INTEGER zero = {};
+    HRESULT hr = stream->SetSize(zero);
+    LARGE_INTEGER start = {};
+    if (SUCCEEDED(hr)) hr = stream->Seek(start, STREAM_SEEK_SET, nullptr);
+    ULONG written = 0;
+    if (SUCCEEDED(hr)) hr = stream->Write(bytes.data(), static_cast<ULONG>(bytes.size()), &written);
+    if (SUCCEEDED(hr) && written != bytes.size()) hr = STG_E_MEDIUMFULL;
+    return hr;
+}
+
+std::wstring LockName(const std::wstring& path) {
+    wchar_t user[257];
+    DWORD size = 257;
+    ::GetUserNameW(user, &size);
+    return std::wstring(L"Global\\") + user + sharedfile::PathHashDigits(path.data(), path.size());
+}
+
+namespace {
+std::atomic<int> g_counter{0};
+
+std::wstring UniqueSuffix() {
+    return std::to_wstring(::GetCurrentProcessId()) + L"-" + std::to_wstring(++g_counter) + L"-" +
+           std::to_wstring(::GetTickCount());
+}
+}  // namespace
+
+std::wstring ScratchFile(const wchar_t* tag) {
+    wchar_t temp[MAX_PATH + 1];
+    ::GetTempPathW(MAX_PATH + 1, temp);
+    return std::wstring(temp) + L"kytest-" + tag + L"-" + UniqueSuffix() + L".stg";
+}
+
+NamedEvent::NamedEvent() : m_name(L"Local\\kytest-event-" + UniqueSuffix()) {
+    m_event = ::CreateEventW(nullptr, FALSE, FALSE, m_name.c_str());
+}
+
+NamedEvent::~NamedEvent() { ::CloseHandle(m_event); }
+
+bool SetNamedEvent(const std::wstring& name) {
+    HANDLE event = ::OpenEventW(EVENT_MODIFY_STATE, FALSE, name.c_str());
+    if (!event) return false;
+    bool done = ::SetEvent(event) != FALSE;
+    ::CloseHandle(event);
+    return done;
+}
+
+bool WaitNamedEvent(const std::wstring& name, DWORD ms) {
+    HANDLE event = ::OpenEventW(SYNCHRONIZE, FALSE, name.c_str());
+    if (!event) return false;
+    bool done = ::WaitForSingleObject(event, ms) == WAIT_OBJECT_0;
+    ::CloseHandle(event);
+    return done;
+}
+
+ChildProcess::ChildProcess(const wchar_t* program, const std::wstring& arguments) {
+    wchar_t self[MAX_PATH];
+    DWORD length = ::GetModuleFileNameW(nullptr, self, MAX_PATH);
+    std::wstring path(self, length);
+    path = path.substr(0, path.find_last_of(L"\\/") + 1) + program;
+    std::wstring commandLine = L"\"" + path + L"\" " + arguments;
+    std::vector<wchar_t> buffer(commandLine.begin(), commandLine.end());
+    buffer.push_back(L'\0');
+    STARTUPINFOW startup = {};
+    startup.cb = sizeof startup;
+    PROCESS_INFORMATION info = {};
+    if (::CreateProcessW(path.c_str(), buffer.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup,
+                         &info)) {
+        ::CloseHandle(info.hThread);
+        m_process = info.hProcess;
+        m_id = info.dwProcessId;
+    }
+}
+
+ChildProcess::~ChildProcess() {
+    if (!m_process) return;
+    if (Wait(0) == STILL_ACTIVE) Kill();
+    ::CloseHandle(m_process);
+}
+
+DWORD ChildProcess::Wait(DWORD ms) {
+    if (!m_process) return static_cast<DWORD>(-1);
+    if (::WaitForSingleObject(m_process, ms) != WAIT_OBJECT_0) return STILL_ACTIVE;
+    DWORD code = 0;
+    ::GetExitCodeProcess(m_process, &code);
+    return code;
+}
+
+void ChildProcess::Kill() {
+    if (!m_process) return;
+    ::TerminateProcess(m_process, 9);
+    ::WaitForSingleObject(m_process, INFINITE);
+}
+
+}  // namespace ky::test

@@ -1,0 +1,140 @@
+// The shared configuration store between real processes: this program and
+// the peer program it starts (same prefix, same server, so named kernel
+// objects are shared).
+#include <wrl/client.h>
+
+#include <string>
+
+#include "helpers/tempfolder.h"
+#include "kytest.h"
+#include "sharedtest.h"
+
+using Microsoft::WRL::ComPtr;
+
+namespace ky::test {
+namespace {
+
+constexpr wchar_t kPeer[] = L"sharedconfig_peer.exe";
+constexpr DWORD kStartTimeout = 60000;
+
+std::wstring Quoted(const std::wstring& text) { return L"\"" + text + L"\""; }
+
+class CrossProcess : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_TRUE(m_manager.Ok());
+        m_file = ScratchFile(L"cross");
+    }
+    void TearDown() override { ::DeleteFileW(m_file.c_str()); }
+
+    std::string Acquired(const std::wstring& file, const wchar_t* name) {
+        ComPtr<IStream> stream;
+        HRESULT hr = m_manager.Stream(file, name, &stream);
+        return SUCCEEDED(hr) ? ReadStream(stream.Get()) : "<" + Hex(hr) + ">";
+    }
+    void Write(const wchar_t* name, const std::string& text) {
+        ComPtr<IStream> stream;
+        ASSERT_TRUE(SUCCEEDED(m_manager.Stream(m_file, name, &stream)));
+        ASSERT_HR(S_OK, ReplaceStream(stream.Get(), text));
+    }
+
+    Manager m_manager;
+    std::wstring m_file;
+};
+
+TEST_F(CrossProcess, ALockHeldInAnotherProcessMakesAcquisitionsFail) {
+    Write(L"s", "before");
+    NamedEvent ready, release;
+    ChildProcess holder(kPeer, L"hold-lock " + Quoted(m_file) + L" " + ready.Name() + L" " + release.Name());
+    ASSERT_TRUE(holder.Started());
+    ASSERT_TRUE(ready.Wait(kStartTimeout));
+
+    // The holder keeps the lock for longer than both waits of an acquisition
+    // (its own and its discarded write-back's); the path is spelled in
+    // another case.
+    std::wstring upper = m_file;
+    ::CharUpperBuffW(&upper[0], static_cast<DWORD>(upper.size()));
+    EXPECT_EQ("<" + Hex(E_FAIL) + ">", Acquired(upper, L"s"));
+    ComPtr<IStorage> storage;
+    EXPECT_HR(E_FAIL, m_manager.Storage(m_file, L"g", &storage));
+
+    release.Set();
+    EXPECT_EQ(0u, holder.Wait(kStartTimeout));
+    EXPECT_EQ("before", Acquired(m_file, L"s"));
+}
+
+TEST_F(CrossProcess, OfTwoHoldersTheOneReleasedLastWins) {
+    Write(L"s", "original");
+    NamedEvent ready, release;
+    ChildProcess other(kPeer, L"hold-stream " + Quoted(m_file) + L" s " + ready.Name() + L" " + release.Name());
+    ASSERT_TRUE(other.Started());
+    ASSERT_TRUE(ready.Wait(kStartTimeout));
+
+    Write(L"s", "written here");
+    EXPECT_EQ("written here", Acquired(m_file, L"s"));
+    // The other process wrote nothing, and is released last.
+    release.Set();
+    EXPECT_EQ(0u, other.Wait(kStartTimeout));
+    EXPECT_EQ("original", Acquired(m_file, L"s"));
+}
+
+TEST_F(CrossProcess, AHolderKilledWithTheLockCostsTheNextAcquisitionAtMostOneFailure) {
+    Write(L"s", "x");
+    // While an object of this process lives, the mutex outlives the killed
+    // holder, abandoned: exactly one acquisition pays. Without one, the
+    // mutex goes with the holder's handle and nobody pays.
+    for (bool keep : {true, true, true, false, false}) {
+        SCOPED_TRACE(keep ? "with a live object here" : "with none");
+        ComPtr<IStream> keeper;
+        if (keep) {
+            ASSERT_TRUE(SUCCEEDED(m_manager.Stream(m_file, L"keeper", &keeper)));
+        }
+        NamedEvent ready, release;
+        ChildProcess holder(kPeer, L"hold-lock " + Quoted(m_file) + L" " + ready.Name() + L" " + release.Name());
+        ASSERT_TRUE(ready.Wait(kStartTimeout));
+        holder.Kill();
+        int failures = 0;
+        ComPtr<IStream> stream;
+        HRESULT hr;
+        while ((hr = m_manager.Stream(m_file, L"s", &stream)) == E_FAIL && failures < 5) ++failures;
+        EXPECT_EQ(keep ? 1 : 0, failures);
+        EXPECT_HR(S_OK, hr);
+    }
+}
+
+TEST_F(CrossProcess, AKilledProcessLeavesATemporaryFolderThatACleanerRemoves) {
+    NamedEvent ready;
+    ChildProcess peer(kPeer, L"temp-folder " + ready.Name());
+    ASSERT_TRUE(ready.Wait(kStartTimeout));
+
+    // Its folder is the one whose marker names its process.
+    wchar_t temp[MAX_PATH + 1];
+    ::GetTempPathW(MAX_PATH + 1, temp);
+    std::wstring folder;
+    WIN32_FIND_DATAW found;
+    HANDLE find = ::FindFirstFileW((std::wstring(temp) + tempfolder::kTempFolderPrefix + L"*").c_str(), &found);
+    ASSERT_NE(INVALID_HANDLE_VALUE, find);
+    do {
+        const std::wstring candidate = std::wstring(temp) + found.cFileName + L"\\";
+        HANDLE marker = ::CreateFileW((candidate + tempfolder::kOwnerMarkerName).c_str(), GENERIC_READ,
+                                      FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING, 0, nullptr);
+        if (marker == INVALID_HANDLE_VALUE) continue;
+        char text[32] = {};
+        DWORD read = 0;
+        ::ReadFile(marker, text, sizeof text - 1, &read, nullptr);
+        ::CloseHandle(marker);
+        if (std::stoul(std::string(text, read) + " ") == peer.Id()) folder = candidate;
+    } while (::FindNextFileW(find, &found));
+    ::FindClose(find);
+    ASSERT_FALSE(folder.empty());
+
+    EXPECT_HR(S_FALSE, tempfolder::RemoveFolderIfAbandoned(folder.c_str()));
+    peer.Kill();
+    EXPECT_HR(S_OK, tempfolder::RemoveFolderIfAbandoned(folder.c_str()));
+    EXPECT_EQ(INVALID_FILE_ATTRIBUTES, ::GetFileAttributesW(folder.c_str()));
+}
+
+}  // namespace
+}  // namespace ky::test
+
+KY_TEST_MAIN(COINIT_MULTITHREADED)
