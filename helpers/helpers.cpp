@@ -66,8 +66,8 @@ HRESULT CommonFilesFolder(std::wstring* path) {
         wchar_t value[MAX_PATH + 1] = {};
         DWORD size = MAX_PATH * sizeof(wchar_t);
         DWORD type = 0;
-        if (::RegQueryValueExW(key.Get(), L"CommonFilesDir", nullptr, &type, reinterpret_cast<BYTE*>(value),
-                               &size) == ERROR_SUCCESS &&
+        if (::RegQueryValueExW(key.Get(), L"CommonFilesDir", nullptr, &type, reinterpret_cast<BYTE*>(value), &size) ==
+                ERROR_SUCCESS &&
             (type == REG_SZ || type == REG_EXPAND_SZ) && value[0]) {
             if (type == REG_SZ) {
                 *path = value;
@@ -86,20 +86,20 @@ HRESULT CommonFilesFolder(std::wstring* path) {
 
 // A resource identifier from a VARIANT: a name, or the low 16 bits of an integer.
 HRESULT ResourceId(const VARIANT* value, const wchar_t** id) {
-    unsigned long number = 0;
-    switch (V_VT(value)) {
-        case VT_BSTR:
-            if (!V_BSTR(value)) return E_INVALIDARG;
-            *id = V_BSTR(value);
-            return S_OK;
-        case VT_I2: number = static_cast<unsigned short>(V_I2(value)); break;
-        case VT_UI2: number = V_UI2(value); break;
-        case VT_I4: number = static_cast<unsigned long>(V_I4(value)); break;
-        case VT_UI4: number = V_UI4(value); break;
-        case VT_INT: number = static_cast<unsigned long>(V_INT(value)); break;
-        case VT_UINT: number = V_UINT(value); break;
-        default: return E_INVALIDARG;
+    const VARTYPE type = V_VT(value);
+    if (type == VT_BSTR) {
+        if (!V_BSTR(value)) return E_INVALIDARG;
+        *id = V_BSTR(value);
+        return S_OK;
     }
+    // Signed and unsigned integers of a size share their storage.
+    ULONG number = 0;
+    if (type == VT_I2 || type == VT_UI2)
+        number = V_UI2(value);
+    else if (type == VT_I4 || type == VT_UI4 || type == VT_INT || type == VT_UINT)
+        number = V_UI4(value);
+    else
+        return E_INVALIDARG;
     *id = MAKEINTRESOURCEW(LOWORD(number));
     return S_OK;
 }
@@ -121,7 +121,7 @@ HRESULT CCoKyHelpers::QueryOther(REFIID riid, void** ppv) {
 }
 
 STDMETHODIMP CCoKyHelpers::CreateKernelObjectName(long bTerminalGlobal, long bIncludeUserName, BSTR bstrSuffix,
-                                                   BSTR* pbstrName) {
+                                                  BSTR* pbstrName) {
     if (!bstrSuffix || ::SysStringLen(bstrSuffix) == 0 || !pbstrName) return E_INVALIDARG;
     return com::Guard([&]() -> HRESULT {
         OSVERSIONINFOW version = {};

@@ -13,9 +13,12 @@ namespace {
 
 const wchar_t* ValueName(KYPROPPAGEDATA data) {
     switch (data) {
-        case KYPPD_ORDER: return L"KyPropPageOrder";
-        case KYPPD_GROUP: return L"KyPropPageGroup";
-        default: return nullptr;  // the key's default value
+        case KYPPD_ORDER:
+            return L"KyPropPageOrder";
+        case KYPPD_GROUP:
+            return L"KyPropPageGroup";
+        default:
+            return nullptr;  // the key's default value
     }
 }
 
@@ -39,10 +42,14 @@ struct PageKey {
 int CompareSetting(BSTR a, BSTR b) {
     if (!a || !b) return a ? -1 : (b ? 1 : 0);
     switch (::VarBstrCmp(a, b, LOCALE_USER_DEFAULT, NORM_IGNORECASE)) {
-        case VARCMP_LT: return -1;
-        case VARCMP_EQ: return 0;
-        case VARCMP_GT: return 1;
-        default: throw com::Error{E_UNEXPECTED};
+        case VARCMP_LT:
+            return -1;
+        case VARCMP_EQ:
+            return 0;
+        case VARCMP_GT:
+            return 1;
+        default:
+            throw com::Error{E_UNEXPECTED};
     }
 }
 
@@ -59,8 +66,7 @@ void CCoKyPropPageOrderer::ReadKey(const CLSID& page, com::Bstr* group, com::Bst
     if (FAILED(GetPropPageData(page, KYPPD_GROUP, group->Out()))) group->Reset();
 }
 
-STDMETHODIMP CCoKyPropPageOrderer::IsPrecedingByOrder(CLSID clsidPropPageOne, CLSID clsidPropPageTwo,
-                                                      int* pnResult) {
+STDMETHODIMP CCoKyPropPageOrderer::IsPrecedingByOrder(CLSID clsidPropPageOne, CLSID clsidPropPageTwo, int* pnResult) {
     if (!pnResult) return E_POINTER;
     return com::Guard([&]() -> HRESULT {
         com::Bstr group[2], order[2];
@@ -83,8 +89,7 @@ STDMETHODIMP CCoKyPropPageOrderer::Sort(unsigned int cPropPages, CLSID* pclsidPr
             keys[i] = {groups[i], orders[i], i};
         }
         // A failing comparison leaves by exception, before the caller's array is touched.
-        IntroSort(keys.begin(), keys.end(),
-                  [](const PageKey& a, const PageKey& b) { return ComparePages(a, b) < 0; });
+        IntroSort(keys.begin(), keys.end(), [](const PageKey& a, const PageKey& b) { return ComparePages(a, b) < 0; });
         for (UINT i = 0; i < cPropPages; ++i) pclsidPropPages[i] = pages[keys[i].index];
         return S_OK;
     });

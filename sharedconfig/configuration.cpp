@@ -28,8 +28,7 @@ STDMETHODIMP CComStgOutriggedConfiguration::AcquireStorage(BSTR bstrStgFilePath,
     return Acquire<COutriggedStorage>(bstrStgFilePath, bstrStorageName, pstg);
 }
 
-STDMETHODIMP CComStgOutriggedConfiguration::AcquireStream(BSTR bstrStgFilePath, BSTR bstrStreamName,
-                                                          IStream** pstm) {
+STDMETHODIMP CComStgOutriggedConfiguration::AcquireStream(BSTR bstrStgFilePath, BSTR bstrStreamName, IStream** pstm) {
     return Acquire<COutriggedStream>(bstrStgFilePath, bstrStreamName, pstm);
 }
 

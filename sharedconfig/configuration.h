@@ -11,9 +11,8 @@
 
 namespace ky {
 
-class CComStgOutriggedConfiguration
-    : public com::Object<CComStgOutriggedConfiguration, IComStgOutriggedConfiguration, ISupportErrorInfo,
-                         com::FreeThreaded> {
+class CComStgOutriggedConfiguration : public com::Object<CComStgOutriggedConfiguration, IComStgOutriggedConfiguration,
+                                                         ISupportErrorInfo, com::FreeThreaded> {
 public:
     // S_OK with a copy of the element, S_FALSE with an empty one when the
     // file has no such element; on failure *pstg / *pstm are left as they were.

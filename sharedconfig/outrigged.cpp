@@ -33,96 +33,85 @@ HRESULT COutriggedMedium::OpenMedium(BSTR filePath, BSTR elementName) {
     return ::StgCreateDocfile(privateFile, kPrivateMode, 0, &m_privateRoot);
 }
 
-HRESULT COutriggedMedium::OpenSharedFile(com::ComPtr<IStorage>* root) const {
-    // Creating without STGM_CREATE succeeds only where there is no file yet.
-    HRESULT hr = ::StgCreateDocfile(m_filePath, kSharedMode, 0, root->ReleaseAndGetAddressOf());
-    if (FAILED(hr)) hr = ::StgOpenStorage(m_filePath, nullptr, kSharedMode, nullptr, 0, root->ReleaseAndGetAddressOf());
-    return hr;
-}
-
-HRESULT COutriggedMedium::BeginWriteBack(com::ComPtr<IStorage>* root) const {
-    HRESULT hr = ::StgOpenStorage(m_filePath, nullptr, kSharedMode, nullptr, 0, root->ReleaseAndGetAddressOf());
-    if (FAILED(hr)) return hr;
-    hr = (*root)->DestroyElement(m_elementName);
-    if (FAILED(hr) && hr != STG_E_FILENOTFOUND) return hr;
-    return (*root)->Commit(STGC_DEFAULT);
-}
-
-HRESULT COutriggedStorage::Load() {
+template <class CopyIn>
+HRESULT COutriggedMedium::LoadUnderLock(CopyIn copyIn) {
     // Declared first, so released last: after the shared file.
     sharedfile::FileLock lock(m_mutex.Get());
     if (!lock.Held()) return E_FAIL;
+    // Creating without STGM_CREATE succeeds only where there is no file yet.
     com::ComPtr<IStorage> root;
-    HRESULT hr = OpenSharedFile(&root);
+    HRESULT hr = ::StgCreateDocfile(m_filePath, kSharedMode, 0, &root);
+    if (FAILED(hr)) hr = ::StgOpenStorage(m_filePath, nullptr, kSharedMode, nullptr, 0, root.ReleaseAndGetAddressOf());
     if (FAILED(hr)) return hr;
-    // Whatever the reason of a failure, only whether a child came back counts.
-    com::ComPtr<IStorage> child;
-    root->OpenStorage(m_elementName, nullptr, kSharedMode, nullptr, 0, &child);
-    if (!child) return S_FALSE;
-    hr = child->CopyTo(0, nullptr, nullptr, m_privateRoot.Get());
-    return FAILED(hr) ? hr : S_OK;
+    return copyIn(root.Get());
 }
 
-void COutriggedStorage::WriteBack() {
-    // Failures are dropped: nobody is left to hear of them.
+template <class CopyOut>
+void COutriggedMedium::WriteBackUnderLock(CopyOut copyOut) {
     sharedfile::FileLock lock(m_mutex.Get());
     if (!lock.Held()) return;
     com::ComPtr<IStorage> root;
-    if (FAILED(BeginWriteBack(&root))) return;
-    com::ComPtr<IStorage> child;
-    if (FAILED(root->CreateStorage(m_elementName, kSharedMode, 0, 0, &child))) return;
-    if (!m_privateRoot) return;
-    if (FAILED(m_privateRoot->CopyTo(0, nullptr, nullptr, child.Get()))) return;
-    child->Commit(STGC_DEFAULT);
+    if (FAILED(::StgOpenStorage(m_filePath, nullptr, kSharedMode, nullptr, 0, &root))) return;
+    HRESULT hr = root->DestroyElement(m_elementName);
+    if (FAILED(hr) && hr != STG_E_FILENOTFOUND) return;
+    if (SUCCEEDED(root->Commit(STGC_DEFAULT))) copyOut(root.Get());
+}
+
+HRESULT COutriggedStorage::Load() {
+    return LoadUnderLock([this](IStorage* root) -> HRESULT {
+        // Whatever the reason of a failure, only whether a child came back counts.
+        com::ComPtr<IStorage> child;
+        root->OpenStorage(m_elementName, nullptr, kSharedMode, nullptr, 0, &child);
+        if (!child) return S_FALSE;
+        HRESULT hr = child->CopyTo(0, nullptr, nullptr, m_privateRoot.Get());
+        return FAILED(hr) ? hr : S_OK;
+    });
 }
 
 void COutriggedStorage::FinalRelease() {
-    WriteBack();
+    WriteBackUnderLock([this](IStorage* root) {
+        com::ComPtr<IStorage> child;
+        if (FAILED(root->CreateStorage(m_elementName, kSharedMode, 0, 0, &child))) return;
+        if (!m_privateRoot || FAILED(m_privateRoot->CopyTo(0, nullptr, nullptr, child.Get()))) return;
+        child->Commit(STGC_DEFAULT);
+    });
     m_privateRoot.Reset();
 }
 
 HRESULT COutriggedStream::Load() {
-    sharedfile::FileLock lock(m_mutex.Get());
-    if (!lock.Held()) return E_FAIL;
-    com::ComPtr<IStorage> root;
-    HRESULT hr = OpenSharedFile(&root);
-    if (FAILED(hr)) return hr;
-    com::ComPtr<IStream> shared;
-    hr = root->OpenStream(m_elementName, nullptr, kSharedMode, 0, &shared);
-    if (FAILED(hr) && hr != STG_E_FILENOTFOUND) return hr;
-    hr = m_privateRoot->CreateStream(m_elementName, kSharedMode, 0, 0, &m_privateStream);
-    if (FAILED(hr)) return hr;
-    if (!shared) return S_FALSE;
-    STATSTG stat = {};
-    hr = shared->Stat(&stat, STATFLAG_NONAME);
-    if (SUCCEEDED(hr)) hr = shared->CopyTo(m_privateStream.Get(), stat.cbSize, nullptr, nullptr);
-    LARGE_INTEGER start = {};
-    if (SUCCEEDED(hr)) hr = m_privateStream->Seek(start, STREAM_SEEK_SET, nullptr);
-    return FAILED(hr) ? hr : S_OK;
-}
-
-void COutriggedStream::WriteBack() {
-    sharedfile::FileLock lock(m_mutex.Get());
-    if (!lock.Held()) return;
-    com::ComPtr<IStorage> root;
-    if (FAILED(BeginWriteBack(&root))) return;
-    com::ComPtr<IStream> shared;
-    if (FAILED(root->CreateStream(m_elementName, kSharedMode, 0, 0, &shared))) return;
-    // An acquisition that failed before its copy was made leaves the
-    // element recreated empty.
-    if (!m_privateStream) return;
-    // The whole copy, wherever the caller left the seek pointer.
-    STATSTG stat = {};
-    if (FAILED(m_privateStream->Stat(&stat, STATFLAG_NONAME))) return;
-    LARGE_INTEGER start = {};
-    if (FAILED(m_privateStream->Seek(start, STREAM_SEEK_SET, nullptr))) return;
-    if (FAILED(m_privateStream->CopyTo(shared.Get(), stat.cbSize, nullptr, nullptr))) return;
-    shared->Commit(STGC_DEFAULT);
-    root->Commit(STGC_DEFAULT);
+    return LoadUnderLock([this](IStorage* root) -> HRESULT {
+        com::ComPtr<IStream> shared;
+        HRESULT hr = root->OpenStream(m_elementName, nullptr, kSharedMode, 0, &shared);
+        if (FAILED(hr) && hr != STG_E_FILENOTFOUND) return hr;
+        hr = m_privateRoot->CreateStream(m_elementName, kSharedMode, 0, 0, &m_privateStream);
+        if (FAILED(hr)) return hr;
+        if (!shared) return S_FALSE;
+        STATSTG stat = {};
+        hr = shared->Stat(&stat, STATFLAG_NONAME);
+        if (SUCCEEDED(hr)) hr = shared->CopyTo(m_privateStream.Get(), stat.cbSize, nullptr, nullptr);
+        LARGE_INTEGER start = {};
+        if (SUCCEEDED(hr)) hr = m_privateStream->Seek(start, STREAM_SEEK_SET, nullptr);
+        return FAILED(hr) ? hr : S_OK;
+    });
 }
 
 void COutriggedStream::FinalRelease() {
-    WriteBack();
+    WriteBackUnderLock([this](IStorage* root) {
+        com::ComPtr<IStream> shared;
+        if (FAILED(root->CreateStream(m_elementName, kSharedMode, 0, 0, &shared))) return;
+        // An acquisition that failed before its copy was made leaves the
+        // element recreated empty.
+        if (!m_privateStream) return;
+        // The whole copy, wherever the caller left the seek pointer.
+        STATSTG stat = {};
+        LARGE_INTEGER start = {};
+        if (FAILED(m_privateStream->Stat(&stat, STATFLAG_NONAME)) ||
+            FAILED(m_privateStream->Seek(start, STREAM_SEEK_SET, nullptr)) ||
+            FAILED(m_privateStream->CopyTo(shared.Get(), stat.cbSize, nullptr, nullptr)))
+            return;
+        shared->Commit(STGC_DEFAULT);  // its result does not matter: the root's commit follows
+        root->Commit(STGC_DEFAULT);
+    });
     m_privateRoot.Reset();
 }
 

@@ -25,11 +25,15 @@ protected:
     COutriggedMedium() = default;
     ~COutriggedMedium() = default;
 
-    // Under the lock: the shared file's root, the file made when missing.
-    HRESULT OpenSharedFile(com::ComPtr<IStorage>* root) const;
-    // Under the lock: the first steps of every write-back, which open the
-    // shared file (never creating it) and remove the element.
-    HRESULT BeginWriteBack(com::ComPtr<IStorage>* root) const;
+    // Runs `copyIn(IStorage* sharedRoot)` under the lock on the shared file,
+    // which is made when missing; E_FAIL when the lock is not granted.
+    template <class CopyIn>
+    HRESULT LoadUnderLock(CopyIn copyIn);
+    // Under the lock, opens the shared file (never making it), removes the
+    // element and runs `copyOut(IStorage* sharedRoot)`. Failures are dropped:
+    // at a final release nobody is left to hear of them.
+    template <class CopyOut>
+    void WriteBackUnderLock(CopyOut copyOut);
 
     com::Handle m_mutex;
     com::Bstr m_filePath;
@@ -38,8 +42,7 @@ protected:
 };
 
 // Every IStorage call goes to the private root, unchanged.
-class COutriggedStorage : public com::Object<COutriggedStorage, IStorage, com::FreeThreaded>,
-                          public COutriggedMedium {
+class COutriggedStorage : public com::Object<COutriggedStorage, IStorage, com::FreeThreaded>, public COutriggedMedium {
 public:
     // Copies the element in: S_OK, or S_FALSE when the file has no child
     // storage of that name (the copy stays empty).
@@ -56,8 +59,7 @@ public:
     }
     STDMETHODIMP CreateStorage(const OLECHAR* name, DWORD mode, DWORD reserved1, DWORD reserved2,
                                IStorage** storage) override {
-        return m_privateRoot ? m_privateRoot->CreateStorage(name, mode, reserved1, reserved2, storage)
-                             : E_UNEXPECTED;
+        return m_privateRoot ? m_privateRoot->CreateStorage(name, mode, reserved1, reserved2, storage) : E_UNEXPECTED;
     }
     STDMETHODIMP OpenStorage(const OLECHAR* name, IStorage* priority, DWORD mode, SNB exclude, DWORD reserved,
                              IStorage** storage) override {
@@ -67,8 +69,7 @@ public:
     STDMETHODIMP CopyTo(DWORD excludedCount, const IID* excludedIids, SNB exclude, IStorage* target) override {
         return m_privateRoot ? m_privateRoot->CopyTo(excludedCount, excludedIids, exclude, target) : E_UNEXPECTED;
     }
-    STDMETHODIMP MoveElementTo(const OLECHAR* name, IStorage* target, const OLECHAR* newName,
-                               DWORD flags) override {
+    STDMETHODIMP MoveElementTo(const OLECHAR* name, IStorage* target, const OLECHAR* newName, DWORD flags) override {
         return m_privateRoot ? m_privateRoot->MoveElementTo(name, target, newName, flags) : E_UNEXPECTED;
     }
     STDMETHODIMP Commit(DWORD flags) override { return m_privateRoot ? m_privateRoot->Commit(flags) : E_UNEXPECTED; }
@@ -95,9 +96,6 @@ public:
     STDMETHODIMP Stat(STATSTG* stat, DWORD flags) override {
         return m_privateRoot ? m_privateRoot->Stat(stat, flags) : E_UNEXPECTED;
     }
-
-private:
-    void WriteBack();
 };
 
 // Every IStream call goes to the private stream, unchanged.
@@ -120,8 +118,7 @@ public:
     STDMETHODIMP SetSize(ULARGE_INTEGER size) override {
         return m_privateStream ? m_privateStream->SetSize(size) : E_UNEXPECTED;
     }
-    STDMETHODIMP CopyTo(IStream* target, ULARGE_INTEGER size, ULARGE_INTEGER* read,
-                        ULARGE_INTEGER* written) override {
+    STDMETHODIMP CopyTo(IStream* target, ULARGE_INTEGER size, ULARGE_INTEGER* read, ULARGE_INTEGER* written) override {
         return m_privateStream ? m_privateStream->CopyTo(target, size, read, written) : E_UNEXPECTED;
     }
     STDMETHODIMP Commit(DWORD flags) override {
@@ -142,8 +139,6 @@ public:
     }
 
 private:
-    void WriteBack();
-
     // Released after the private root, when the object is destroyed.
     com::ComPtr<IStream> m_privateStream;
 };

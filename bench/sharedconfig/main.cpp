@@ -18,9 +18,9 @@
 #include "bench.h"
 #include "sharedtest.h"
 
-using Microsoft::WRL::ComPtr;
 using ky::bench::Report;
 using ky::bench::Seconds;
+using Microsoft::WRL::ComPtr;
 
 namespace {
 
@@ -97,8 +97,7 @@ double Contended(const std::wstring& file, int processes, int rounds, int* failu
             std::vector<std::unique_ptr<ky::test::ChildProcess>> workers;
             for (int i = 0; i < processes; ++i)
                 workers.push_back(std::make_unique<ky::test::ChildProcess>(
-                    L"sharedconfig_bench.exe",
-                    L"worker \"" + file + L"\" " + std::to_wstring(rounds / processes)));
+                    L"sharedconfig_bench.exe", L"worker \"" + file + L"\" " + std::to_wstring(rounds / processes)));
             for (auto& worker : workers) *failures += static_cast<int>(worker->Wait());
         },
         1);
@@ -138,12 +137,7 @@ int Measure() {
 }  // namespace
 
 int main() {
-    std::setvbuf(stdout, nullptr, _IONBF, 0);
-    int argc = 0;
-    wchar_t** argv = ::CommandLineToArgvW(::GetCommandLineW(), &argc);
-    ::CoInitializeEx(nullptr, COINIT_MULTITHREADED);
-    int result = argc == 4 && std::wstring(argv[1]) == L"worker" ? Worker(argv[2], _wtoi(argv[3])) : Measure();
-    ::CoUninitialize();
-    ::LocalFree(argv);
-    return result;
+    return ky::test::RunProgram([](int argc, wchar_t** argv) {
+        return argc == 4 && std::wstring(argv[1]) == L"worker" ? Worker(argv[2], _wtoi(argv[3])) : Measure();
+    });
 }

@@ -28,8 +28,8 @@ std::wstring KeyOf(const CLSID& page) {
 class PropPageOrder : public ::testing::Test {
 protected:
     void SetUp() override {
-        ASSERT_HR(S_OK, ::CoCreateInstance(CLSID_KyHelpers, nullptr, CLSCTX_INPROC_SERVER, IID_IKyPropPageOrder,
-                                           &m_order));
+        ASSERT_HR(S_OK,
+                  ::CoCreateInstance(CLSID_KyHelpers, nullptr, CLSCTX_INPROC_SERVER, IID_IKyPropPageOrder, &m_order));
     }
     void TearDown() override {
         for (const auto& page : m_pages) ::RegDeleteKeyW(HKEY_CLASSES_ROOT, KeyOf(page).c_str());
@@ -68,8 +68,8 @@ protected:
     }
     void Store(const CLSID& page, const wchar_t* name, DWORD type, const void* data, DWORD size) {
         HKEY key = nullptr;
-        ASSERT_EQ(ERROR_SUCCESS, ::RegCreateKeyExW(HKEY_CLASSES_ROOT, KeyOf(page).c_str(), 0, nullptr, 0,
-                                                   KEY_SET_VALUE, nullptr, &key, nullptr));
+        ASSERT_EQ(ERROR_SUCCESS, ::RegCreateKeyExW(HKEY_CLASSES_ROOT, KeyOf(page).c_str(), 0, nullptr, 0, KEY_SET_VALUE,
+                                                   nullptr, &key, nullptr));
         ::RegSetValueExW(key, name, 0, type, static_cast<const BYTE*>(data), size);
         ::RegCloseKey(key);
     }
@@ -87,31 +87,24 @@ protected:
 };
 
 TEST_F(PropPageOrder, SettingsAreTextValuesBesideTheClassRegistration) {
-    const CLSID page = NewPage();
-    EXPECT_HR(S_OK, Set(page, KYPPD_ORDER, L"0010"));
-    EXPECT_HR(S_OK, Set(page, KYPPD_GROUP, L"2"));
+    const CLSID page = Page(L"2", L"0010");
     EXPECT_HR(S_OK, Set(page, kDefaultValue, L"Some Page"));
     std::wstring text;
-    EXPECT_TRUE(ReadRegString(HKEY_CLASSES_ROOT, KeyOf(page), L"KyPropPageOrder", &text));
-    EXPECT_EQ(L"0010", text);
-    EXPECT_TRUE(ReadRegString(HKEY_CLASSES_ROOT, KeyOf(page), L"KyPropPageGroup", &text));
-    EXPECT_EQ(L"2", text);
-    EXPECT_TRUE(ReadRegString(HKEY_CLASSES_ROOT, KeyOf(page), nullptr, &text));
-    EXPECT_EQ(L"Some Page", text);
+    EXPECT_TRUE(ReadRegString(HKEY_CLASSES_ROOT, KeyOf(page), L"KyPropPageOrder", &text) && text == L"0010");
+    EXPECT_TRUE(ReadRegString(HKEY_CLASSES_ROOT, KeyOf(page), L"KyPropPageGroup", &text) && text == L"2");
+    EXPECT_TRUE(ReadRegString(HKEY_CLASSES_ROOT, KeyOf(page), nullptr, &text) && text == L"Some Page");
     EXPECT_EQ(L"0010", Get(page, KYPPD_ORDER));
     EXPECT_EQ(L"2", Get(page, KYPPD_GROUP));
     EXPECT_EQ(L"Some Page", Get(page, kDefaultValue));
-}
 
-TEST_F(PropPageOrder, OnlyGroupsOneToThreeAndNonEmptyTextsAreWritten) {
-    const CLSID page = Page(L"3", L"x");
-    for (const wchar_t* bad : {L"4", L"0", L"-1", L"x", L"2a", L"", L"99999999999"})
-        EXPECT_HR(E_INVALIDARG, Set(page, KYPPD_GROUP, bad)) << Narrow(bad);
-    EXPECT_HR(E_INVALIDARG, Set(page, KYPPD_GROUP, nullptr));
+    // Only groups 1 to 3, and no empty texts, are written.
+    for (const wchar_t* bad :
+         {L"4", L"0", L"-1", L"x", L"2a", L"", L"99999999999", static_cast<const wchar_t*>(nullptr)})
+        EXPECT_HR(E_INVALIDARG, Set(page, KYPPD_GROUP, bad)) << Narrow(bad ? bad : L"<null>");
     EXPECT_HR(E_INVALIDARG, Set(page, KYPPD_ORDER, L""));
     EXPECT_HR(E_INVALIDARG, Set(page, KYPPD_ORDER, nullptr));
-    EXPECT_EQ(L"3", Get(page, KYPPD_GROUP));
-    EXPECT_EQ(L"x", Get(page, KYPPD_ORDER));
+    EXPECT_EQ(L"2", Get(page, KYPPD_GROUP));
+    EXPECT_EQ(L"0010", Get(page, KYPPD_ORDER));
 }
 
 TEST_F(PropPageOrder, StoredValuesOutsideTheRulesReadBackAsTheyMust) {
@@ -172,8 +165,8 @@ TEST_F(PropPageOrder, GroupsDecideFirstThenOrdersAsTextIgnoringCase) {
 }
 
 TEST_F(PropPageOrder, SortOrdersSmallArraysStably) {
-    const CLSID none = Page(nullptr, nullptr), g3 = Page(L"3", L"1"), g1b = Page(L"1", L"b"),
-                g1a = Page(L"1", L"A"), g1a2 = Page(L"1", L"a"), g2 = Page(L"2", nullptr), g1 = Page(L"1", nullptr);
+    const CLSID none = Page(nullptr, nullptr), g3 = Page(L"3", L"1"), g1b = Page(L"1", L"b"), g1a = Page(L"1", L"A"),
+                g1a2 = Page(L"1", L"a"), g2 = Page(L"2", nullptr), g1 = Page(L"1", nullptr);
     std::vector<CLSID> pages = {none, g3, g1b, g1a, g2, g1a2, g1};
     ASSERT_HR(S_OK, m_order->Sort(static_cast<UINT>(pages.size()), pages.data()));
     // "A" and "a" rank equal and keep their input order.
@@ -209,8 +202,7 @@ TEST_F(PropPageOrder, SortOrdersLargeArraysByGroupThenOrder) {
     ASSERT_HR(S_OK, m_order->Sort(static_cast<UINT>(sorted.size()), sorted.data()));
     EXPECT_TRUE(std::is_permutation(sorted.begin(), sorted.end(), pages.begin(),
                                     [](const GUID& a, const GUID& b) { return a == b; }));
-    for (size_t i = 1; i < sorted.size(); ++i)
-        EXPECT_LE(rank[sorted[i - 1]], rank[sorted[i]]) << "at " << i;
+    for (size_t i = 1; i < sorted.size(); ++i) EXPECT_LE(rank[sorted[i - 1]], rank[sorted[i]]) << "at " << i;
 }
 
 }  // namespace

@@ -4,8 +4,8 @@
 //       takes the file's lock, says ready, keeps it until released (or killed)
 //   hold-stream <file> <stream> <ready event> <release event>
 //       acquires a stream, says ready, releases it when told; writes nothing
-//   temp-folder <ready event>
-//       makes its private temporary folder, says ready, waits to be killed
+//   temp-folder <ready event> <release event>
+//       makes its private temporary folder, says ready, waits (to be killed)
 //   worker <file> <id> <iterations, 0: until killed> [<started event>]
 //       acquires, checks, rewrites and releases elements of the file
 //   stress <file> <processes> <iterations>
@@ -57,15 +57,14 @@ int HoldStream(const std::wstring& file, const std::wstring& name, const std::ws
     return SUCCEEDED(hr) ? 0 : 1;
 }
 
-int TempFolder(const std::wstring& ready) {
+int TempFolder(const std::wstring& ready, const std::wstring& release) {
     ComPtr<IKyFileSystem> files;
-    if (FAILED(::CoCreateInstance(CLSID_KyHelpers, nullptr, CLSCTX_INPROC_SERVER, IID_IKyFileSystem, &files)))
-        return 2;
+    if (FAILED(::CoCreateInstance(CLSID_KyHelpers, nullptr, CLSCTX_INPROC_SERVER, IID_IKyFileSystem, &files))) return 2;
     BSTR folder = nullptr;
     if (FAILED(files->GetTemporaryFolder(&folder))) return 2;
     ::SysFreeString(folder);
     SetNamedEvent(ready);
-    ::Sleep(INFINITE);
+    WaitNamedEvent(release, INFINITE);
     return 0;
 }
 
@@ -75,8 +74,7 @@ struct Counts {
 
 // One round of a worker: acquire an element, check what it holds, write
 // this round's record and release it.
-void WorkOnce(Manager& manager, const std::wstring& file, unsigned id, unsigned round, unsigned pick,
-              Counts* counts) {
+void WorkOnce(Manager& manager, const std::wstring& file, unsigned id, unsigned round, unsigned pick, Counts* counts) {
     static const wchar_t* const kShared[] = {L"s0", L"s1", L"s2"};
     static const wchar_t* const kStorages[] = {L"g0", L"g1"};
     const std::string record = records::Make(id, round);
@@ -118,8 +116,8 @@ int Worker(const std::wstring& file, unsigned id, unsigned iterations, const std
         WorkOnce(manager, file, id, round, (seed >> 16) % 10, &counts);
         if (round == 0 && !started.empty()) SetNamedEvent(started);
     }
-    std::printf("worker %u: acquisitions=%u failures=%u torn=%u errors=%u\n", id, counts.acquisitions,
-                counts.failures, counts.torn, counts.errors);
+    std::printf("worker %u: acquisitions=%u failures=%u torn=%u errors=%u\n", id, counts.acquisitions, counts.failures,
+                counts.torn, counts.errors);
     return static_cast<int>((counts.failures & 0xFFFF) | (counts.torn ? 0x10000 : 0) | (counts.errors ? 0x20000 : 0));
 }
 
@@ -151,8 +149,8 @@ FileCheck CheckFile(const std::wstring& file) {
             }
         } else {
             ComPtr<IStorage> storage;
-            if (SUCCEEDED(root->OpenStorage(stat.pwcsName, nullptr, STGM_READ | STGM_SHARE_EXCLUSIVE, nullptr, 0,
-                                            &storage)))
+            if (SUCCEEDED(
+                    root->OpenStorage(stat.pwcsName, nullptr, STGM_READ | STGM_SHARE_EXCLUSIVE, nullptr, 0, &storage)))
                 kind = records::CheckStorage(storage.Get());
             else
                 check.readable = false;
@@ -181,10 +179,11 @@ int Stress(const std::wstring& file, unsigned processes, unsigned iterations) {
         if (code & 0x20000) ++errors;
     }
     FileCheck check = CheckFile(file);
-    std::printf("stress: processes=%u iterations=%u failures=%u torn-reads=%u errors=%u readable=%d elements=%u "
-                "valid=%u empty=%u torn=%u\n",
-                processes, iterations, failures, torn, errors, check.readable ? 1 : 0, check.elements, check.valid,
-                check.empty, check.torn);
+    std::printf(
+        "stress: processes=%u iterations=%u failures=%u torn-reads=%u errors=%u readable=%d elements=%u "
+        "valid=%u empty=%u torn=%u\n",
+        processes, iterations, failures, torn, errors, check.readable ? 1 : 0, check.elements, check.valid, check.empty,
+        check.torn);
     // An element is empty only where a failed acquisition's write-back put
     // its empty copy back.
     bool ok = torn == 0 && errors == 0 && check.readable && check.torn == 0 && (failures > 0 || check.empty == 0);
@@ -203,8 +202,8 @@ int KillRun(const std::wstring& file, unsigned rounds) {
     unsigned insideLock = 0, failedTotal = 0, maxFailures = 0, unreadable = 0, tornRounds = 0, emptied = 0;
     for (unsigned round = 0; round < rounds; ++round) {
         NamedEvent started;
-        ChildProcess worker(kPeer, L"worker \"" + file + L"\" " + std::to_wstring(100 + round) + L" 0 " +
-                                       started.Name());
+        ChildProcess worker(kPeer,
+                            L"worker \"" + file + L"\" " + std::to_wstring(100 + round) + L" 0 " + started.Name());
         if (!worker.Started() || !started.Wait(60000)) {
             std::printf("killrun: the worker of round %u did not start\n", round);
             return 2;
@@ -231,9 +230,10 @@ int KillRun(const std::wstring& file, unsigned rounds) {
         if (!check.readable) ++unreadable;
         if (check.torn) ++tornRounds;
     }
-    std::printf("killrun: kills=%u inside-lock=%u failed-acquisitions=%u max-per-kill=%u unreadable-files=%u "
-                "rounds-with-torn-elements=%u emptied-by-discarded-write-back=%u\n",
-                rounds, insideLock, failedTotal, maxFailures, unreadable, tornRounds, emptied);
+    std::printf(
+        "killrun: kills=%u inside-lock=%u failed-acquisitions=%u max-per-kill=%u unreadable-files=%u "
+        "rounds-with-torn-elements=%u emptied-by-discarded-write-back=%u\n",
+        rounds, insideLock, failedTotal, maxFailures, unreadable, tornRounds, emptied);
     return maxFailures <= 1 && unreadable == 0 ? 0 : 1;
 }
 
@@ -248,7 +248,7 @@ int Run(int argc, wchar_t** argv) {
     const std::wstring file = argv[2];
     if (command == L"hold-lock" && argc == 5) return HoldLock(file, argv[3], argv[4]);
     if (command == L"hold-stream" && argc == 6) return HoldStream(file, argv[3], argv[4], argv[5]);
-    if (command == L"temp-folder" && argc == 3) return TempFolder(argv[2]);
+    if (command == L"temp-folder" && argc == 4) return TempFolder(argv[2], argv[3]);
     if (command == L"worker" && (argc == 5 || argc == 6))
         return Worker(file, static_cast<unsigned>(_wtoi(argv[3])), static_cast<unsigned>(_wtoi(argv[4])),
                       argc == 6 ? argv[5] : L"");
@@ -261,17 +261,13 @@ int Run(int argc, wchar_t** argv) {
 }  // namespace
 
 int main() {
-    std::setvbuf(stdout, nullptr, _IONBF, 0);
-    int argc = 0;
-    wchar_t** argv = ::CommandLineToArgvW(::GetCommandLineW(), &argc);
-    ::CoInitializeEx(nullptr, COINIT_MULTITHREADED);
-    int result = Run(argc, argv);
-    // Every object of the library is gone by now.
-    if (ky::test::DllCanUnloadNow() != S_OK) {
-        std::printf("peer: the library is still locked at the end\n");
-        result = 3;
-    }
-    ::CoUninitialize();
-    ::LocalFree(argv);
-    return result;
+    return RunProgram([](int argc, wchar_t** argv) {
+        int result = Run(argc, argv);
+        // Every object of the library is gone by now.
+        if (ky::test::DllCanUnloadNow() != S_OK) {
+            std::printf("peer: the library is still locked at the end\n");
+            result = 3;
+        }
+        return result;
+    });
 }

@@ -1,9 +1,12 @@
 #include "sharedtest.h"
 
 #include <atomic>
+#include <cstdio>
 #include <cstring>
+#include <map>
 #include <vector>
 
+#include <shellapi.h>
 #include <wrl/client.h>
 
 #include "sharedconfig/sharedfile.h"
@@ -37,7 +40,8 @@ std::string Make(std::uint32_t writer, std::uint32_t sequence) {
     PutU32(record, writer);
     PutU32(record, sequence);
     PutU32(record, length);
-    for (std::uint32_t i = 0; i < length; ++i) record.push_back(static_cast<char>((writer * 31u + sequence * 7u + i) & 0xFF));
+    for (std::uint32_t i = 0; i < length; ++i)
+        record.push_back(static_cast<char>((writer * 31u + sequence * 7u + i) & 0xFF));
     return record;
 }
 
@@ -80,20 +84,27 @@ Manager::Manager() {
                        IID_IComStgOutriggedConfiguration, &m_manager);
 }
 
-HRESULT Manager::Stream(const std::wstring& file, const std::wstring& name, ComPtr<IStream>* stream) const {
+namespace {
+
+template <class I>
+HRESULT Acquire(IComStgOutriggedConfiguration* manager,
+                HRESULT (STDMETHODCALLTYPE IComStgOutriggedConfiguration::*acquire)(BSTR, BSTR, I**),
+                const std::wstring& file, const std::wstring& name, ComPtr<I>* result) {
     BSTR path = ::SysAllocString(file.c_str()), element = ::SysAllocString(name.c_str());
-    HRESULT hr = m_manager->AcquireStream(path, element, stream->ReleaseAndGetAddressOf());
+    HRESULT hr = (manager->*acquire)(path, element, result->ReleaseAndGetAddressOf());
     ::SysFreeString(path);
     ::SysFreeString(element);
     return hr;
 }
 
+}  // namespace
+
+HRESULT Manager::Stream(const std::wstring& file, const std::wstring& name, ComPtr<IStream>* stream) const {
+    return Acquire(m_manager.Get(), &IComStgOutriggedConfiguration::AcquireStream, file, name, stream);
+}
+
 HRESULT Manager::Storage(const std::wstring& file, const std::wstring& name, ComPtr<IStorage>* storage) const {
-    BSTR path = ::SysAllocString(file.c_str()), element = ::SysAllocString(name.c_str());
-    HRESULT hr = m_manager->AcquireStorage(path, element, storage->ReleaseAndGetAddressOf());
-    ::SysFreeString(path);
-    ::SysFreeString(element);
-    return hr;
+    return Acquire(m_manager.Get(), &IComStgOutriggedConfiguration::AcquireStorage, file, name, storage);
 }
 
 std::string ReadStream(IStream* stream) {
@@ -120,6 +131,42 @@ HRESULT ReplaceStream(IStream* stream, const std::string& bytes) {
     if (SUCCEEDED(hr)) hr = stream->Write(bytes.data(), static_cast<ULONG>(bytes.size()), &written);
     if (SUCCEEDED(hr) && written != bytes.size()) hr = STG_E_MEDIUMFULL;
     return hr;
+}
+
+namespace {
+
+std::string Contents(IStorage* storage) {
+    std::map<std::wstring, std::string> parts;
+    ComPtr<IEnumSTATSTG> elements;
+    if (FAILED(storage->EnumElements(0, nullptr, 0, &elements))) return "<unreadable>";
+    STATSTG stat;
+    while (elements->Next(1, &stat, nullptr) == S_OK) {
+        ComPtr<IStorage> child;
+        ComPtr<IStream> stream;
+        std::string& part = parts[stat.pwcsName];
+        if (stat.type == STGTY_STORAGE)
+            part = SUCCEEDED(storage->OpenStorage(stat.pwcsName, nullptr, STGM_READ | STGM_SHARE_EXCLUSIVE, nullptr, 0,
+                                                  &child))
+                       ? "{" + Contents(child.Get()) + "}"
+                       : "<unreadable>";
+        else
+            part = SUCCEEDED(storage->OpenStream(stat.pwcsName, nullptr, STGM_READ | STGM_SHARE_EXCLUSIVE, 0, &stream))
+                       ? ReadStream(stream.Get())
+                       : "<unreadable>";
+        ::CoTaskMemFree(stat.pwcsName);
+    }
+    std::string text;
+    for (const auto& part : parts) text += std::string(part.first.begin(), part.first.end()) + "=" + part.second + ";";
+    return text;
+}
+
+}  // namespace
+
+std::string FileContents(const std::wstring& file) {
+    ComPtr<IStorage> root;
+    if (FAILED(::StgOpenStorage(file.c_str(), nullptr, STGM_READ | STGM_SHARE_EXCLUSIVE, nullptr, 0, &root)))
+        return "<no file>";
+    return Contents(root.Get());
 }
 
 std::wstring LockName(const std::wstring& path) {
@@ -166,6 +213,17 @@ bool WaitNamedEvent(const std::wstring& name, DWORD ms) {
     return done;
 }
 
+int RunProgram(int (*body)(int argc, wchar_t** argv)) {
+    std::setvbuf(stdout, nullptr, _IONBF, 0);
+    int argc = 0;
+    wchar_t** argv = ::CommandLineToArgvW(::GetCommandLineW(), &argc);
+    ::CoInitializeEx(nullptr, COINIT_MULTITHREADED);
+    int result = body(argc, argv);
+    ::CoUninitialize();
+    ::LocalFree(argv);
+    return result;
+}
+
 ChildProcess::ChildProcess(const wchar_t* program, const std::wstring& arguments) {
     wchar_t self[MAX_PATH];
     DWORD length = ::GetModuleFileNameW(nullptr, self, MAX_PATH);
@@ -177,8 +235,7 @@ ChildProcess::ChildProcess(const wchar_t* program, const std::wstring& arguments
     STARTUPINFOW startup = {};
     startup.cb = sizeof startup;
     PROCESS_INFORMATION info = {};
-    if (::CreateProcessW(path.c_str(), buffer.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup,
-                         &info)) {
+    if (::CreateProcessW(path.c_str(), buffer.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &info)) {
         ::CloseHandle(info.hThread);
         m_process = info.hProcess;
         m_id = info.dwProcessId;

@@ -39,8 +39,7 @@ public:
     Manager();
     bool Ok() const { return m_manager != nullptr; }
     IComStgOutriggedConfiguration* operator->() const { return m_manager.Get(); }
-    HRESULT Stream(const std::wstring& file, const std::wstring& name,
-                   Microsoft::WRL::ComPtr<IStream>* stream) const;
+    HRESULT Stream(const std::wstring& file, const std::wstring& name, Microsoft::WRL::ComPtr<IStream>* stream) const;
     HRESULT Storage(const std::wstring& file, const std::wstring& name,
                     Microsoft::WRL::ComPtr<IStorage>* storage) const;
 
@@ -52,6 +51,9 @@ private:
 std::string ReadStream(IStream* stream);
 // Makes the stream hold exactly `bytes`.
 HRESULT ReplaceStream(IStream* stream, const std::string& bytes);
+
+// A compound file's elements as text, by name: "a=bytes;g={b=bytes;};".
+std::string FileContents(const std::wstring& file);
 
 // The name of a shared file's lock, computed here from the user name and
 // the hash of the lower-cased path.
@@ -80,6 +82,10 @@ private:
 // Sets or waits for an event that another process made.
 bool SetNamedEvent(const std::wstring& name);
 bool WaitNamedEvent(const std::wstring& name, DWORD ms);
+
+// The main function of a program that other programs start: runs `body`
+// with the program's arguments in the multithreaded apartment.
+int RunProgram(int (*body)(int argc, wchar_t** argv));
 
 // A program started from this one (same Wine prefix and server).
 class ChildProcess {

@@ -19,6 +19,15 @@ constexpr DWORD kStartTimeout = 60000;
 
 std::wstring Quoted(const std::wstring& text) { return L"\"" + text + L"\""; }
 
+// A peer with its two events: it says "ready" and waits for "release".
+struct Peer {
+    explicit Peer(const std::wstring& command)
+        : process(kPeer, command + L" " + ready.Name() + L" " + release.Name()) {}
+    bool Ready() { return process.Started() && ready.Wait(kStartTimeout); }
+    NamedEvent ready, release;
+    ChildProcess process;
+};
+
 class CrossProcess : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -44,10 +53,8 @@ protected:
 
 TEST_F(CrossProcess, ALockHeldInAnotherProcessMakesAcquisitionsFail) {
     Write(L"s", "before");
-    NamedEvent ready, release;
-    ChildProcess holder(kPeer, L"hold-lock " + Quoted(m_file) + L" " + ready.Name() + L" " + release.Name());
-    ASSERT_TRUE(holder.Started());
-    ASSERT_TRUE(ready.Wait(kStartTimeout));
+    Peer holder(L"hold-lock " + Quoted(m_file));
+    ASSERT_TRUE(holder.Ready());
 
     // The holder keeps the lock for longer than both waits of an acquisition
     // (its own and its discarded write-back's); the path is spelled in
@@ -58,23 +65,21 @@ TEST_F(CrossProcess, ALockHeldInAnotherProcessMakesAcquisitionsFail) {
     ComPtr<IStorage> storage;
     EXPECT_HR(E_FAIL, m_manager.Storage(m_file, L"g", &storage));
 
-    release.Set();
-    EXPECT_EQ(0u, holder.Wait(kStartTimeout));
+    holder.release.Set();
+    EXPECT_EQ(0u, holder.process.Wait(kStartTimeout));
     EXPECT_EQ("before", Acquired(m_file, L"s"));
 }
 
 TEST_F(CrossProcess, OfTwoHoldersTheOneReleasedLastWins) {
     Write(L"s", "original");
-    NamedEvent ready, release;
-    ChildProcess other(kPeer, L"hold-stream " + Quoted(m_file) + L" s " + ready.Name() + L" " + release.Name());
-    ASSERT_TRUE(other.Started());
-    ASSERT_TRUE(ready.Wait(kStartTimeout));
+    Peer other(L"hold-stream " + Quoted(m_file) + L" s");
+    ASSERT_TRUE(other.Ready());
 
     Write(L"s", "written here");
     EXPECT_EQ("written here", Acquired(m_file, L"s"));
     // The other process wrote nothing, and is released last.
-    release.Set();
-    EXPECT_EQ(0u, other.Wait(kStartTimeout));
+    other.release.Set();
+    EXPECT_EQ(0u, other.process.Wait(kStartTimeout));
     EXPECT_EQ("original", Acquired(m_file, L"s"));
 }
 
@@ -89,10 +94,9 @@ TEST_F(CrossProcess, AHolderKilledWithTheLockCostsTheNextAcquisitionAtMostOneFai
         if (keep) {
             ASSERT_TRUE(SUCCEEDED(m_manager.Stream(m_file, L"keeper", &keeper)));
         }
-        NamedEvent ready, release;
-        ChildProcess holder(kPeer, L"hold-lock " + Quoted(m_file) + L" " + ready.Name() + L" " + release.Name());
-        ASSERT_TRUE(ready.Wait(kStartTimeout));
-        holder.Kill();
+        Peer holder(L"hold-lock " + Quoted(m_file));
+        ASSERT_TRUE(holder.Ready());
+        holder.process.Kill();
         int failures = 0;
         ComPtr<IStream> stream;
         HRESULT hr;
@@ -103,9 +107,8 @@ TEST_F(CrossProcess, AHolderKilledWithTheLockCostsTheNextAcquisitionAtMostOneFai
 }
 
 TEST_F(CrossProcess, AKilledProcessLeavesATemporaryFolderThatACleanerRemoves) {
-    NamedEvent ready;
-    ChildProcess peer(kPeer, L"temp-folder " + ready.Name());
-    ASSERT_TRUE(ready.Wait(kStartTimeout));
+    Peer peer(L"temp-folder");
+    ASSERT_TRUE(peer.Ready());
 
     // Its folder is the one whose marker names its process.
     wchar_t temp[MAX_PATH + 1];
@@ -123,13 +126,13 @@ TEST_F(CrossProcess, AKilledProcessLeavesATemporaryFolderThatACleanerRemoves) {
         DWORD read = 0;
         ::ReadFile(marker, text, sizeof text - 1, &read, nullptr);
         ::CloseHandle(marker);
-        if (std::stoul(std::string(text, read) + " ") == peer.Id()) folder = candidate;
+        if (std::stoul(std::string(text, read) + " ") == peer.process.Id()) folder = candidate;
     } while (::FindNextFileW(find, &found));
     ::FindClose(find);
     ASSERT_FALSE(folder.empty());
 
     EXPECT_HR(S_FALSE, tempfolder::RemoveFolderIfAbandoned(folder.c_str()));
-    peer.Kill();
+    peer.process.Kill();
     EXPECT_HR(S_OK, tempfolder::RemoveFolderIfAbandoned(folder.c_str()));
     EXPECT_EQ(INVALID_FILE_ATTRIBUTES, ::GetFileAttributesW(folder.c_str()));
 }
