@@ -11,8 +11,9 @@
 //   stress <file> <processes> <iterations>
 //       runs that many workers on one new file and checks what they leave
 //   killrun <file> <rounds>
-//       kills a worker at a random point, again and again, and measures
-//       what later acquisitions pay and whether the file stays readable
+//       kills a worker at a random point, again and again, measures what
+//       later acquisitions pay and whether the file stays readable, then
+//       removes the private folders the killed workers left
 // Exit code 0 means the part went as it must.
 #include <windows.h>
 #include <objbase.h>
@@ -20,9 +21,11 @@
 
 #include <cstdio>
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
+#include "helpers/tempfolder.h"
 #include "kytest.h"
 #include "kyutils.h"
 #include "sharedtest.h"
@@ -124,6 +127,7 @@ int Worker(const std::wstring& file, unsigned id, unsigned iterations, const std
 struct FileCheck {
     bool readable = false;
     unsigned elements = 0, valid = 0, empty = 0, torn = 0;
+    std::set<std::wstring> tornNames;
 };
 
 // Opens the file as a reader would and checks every element.
@@ -155,11 +159,15 @@ FileCheck CheckFile(const std::wstring& file) {
             else
                 check.readable = false;
         }
+        const std::wstring name = stat.pwcsName;
         ::CoTaskMemFree(stat.pwcsName);
         ++check.elements;
         if (kind == records::Kind::Valid) ++check.valid;
         if (kind == records::Kind::Empty) ++check.empty;
-        if (kind == records::Kind::Torn) ++check.torn;
+        if (kind == records::Kind::Torn) {
+            ++check.torn;
+            check.tornNames.insert(name);
+        }
     }
     return check;
 }
@@ -199,7 +207,8 @@ int KillRun(const std::wstring& file, unsigned rounds) {
     ComPtr<IStream> keeper;
     if (FAILED(manager.Stream(file, L"keeper", &keeper))) return 2;
     unsigned seed = ::GetTickCount();
-    unsigned insideLock = 0, failedTotal = 0, maxFailures = 0, unreadable = 0, tornRounds = 0, emptied = 0;
+    unsigned insideLock = 0, failedTotal = 0, maxFailures = 0, unreadable = 0, halfWritten = 0, emptied = 0;
+    std::set<std::wstring> tornBefore;
     for (unsigned round = 0; round < rounds; ++round) {
         NamedEvent started;
         ChildProcess worker(kPeer,
@@ -228,13 +237,26 @@ int KillRun(const std::wstring& file, unsigned rounds) {
 
         FileCheck check = CheckFile(file);
         if (!check.readable) ++unreadable;
-        if (check.torn) ++tornRounds;
+        // A kill inside a write-back's copy leaves that element half-written
+        // (the shared file is written in direct mode) until it is next written.
+        for (const auto& name : check.tornNames)
+            if (!tornBefore.count(name)) ++halfWritten;
+        tornBefore = check.tornNames;
+    }
+    // The killed workers' private folders are left for a cleaner, which
+    // tells them from the folders of live processes (this one's, at least).
+    unsigned removed = 0, live = 0;
+    for (const auto& folder : PrivateTempFolders()) {
+        HRESULT hr = ky::tempfolder::RemoveFolderIfAbandoned(folder.c_str());
+        if (hr == S_OK) ++removed;
+        if (hr == S_FALSE) ++live;
     }
     std::printf(
         "killrun: kills=%u inside-lock=%u failed-acquisitions=%u max-per-kill=%u unreadable-files=%u "
-        "rounds-with-torn-elements=%u emptied-by-discarded-write-back=%u\n",
-        rounds, insideLock, failedTotal, maxFailures, unreadable, tornRounds, emptied);
-    return maxFailures <= 1 && unreadable == 0 ? 0 : 1;
+        "kills-leaving-a-half-written-element=%u emptied-by-discarded-write-back=%u "
+        "abandoned-temp-folders-removed=%u live-ones-kept=%u\n",
+        rounds, insideLock, failedTotal, maxFailures, unreadable, halfWritten, emptied, removed, live);
+    return maxFailures <= 1 && unreadable == 0 && removed >= rounds && live >= 1 ? 0 : 1;
 }
 
 int Usage() {

@@ -9,6 +9,7 @@
 #include <shellapi.h>
 #include <wrl/client.h>
 
+#include "helpers/tempfolder.h"
 #include "sharedconfig/sharedfile.h"
 
 using Microsoft::WRL::ComPtr;
@@ -184,6 +185,19 @@ std::wstring UniqueSuffix() {
            std::to_wstring(::GetTickCount());
 }
 }  // namespace
+
+std::set<std::wstring> PrivateTempFolders() {
+    wchar_t temp[MAX_PATH + 1];
+    ::GetTempPathW(MAX_PATH + 1, temp);
+    std::set<std::wstring> folders;
+    WIN32_FIND_DATAW found;
+    HANDLE find = ::FindFirstFileW((std::wstring(temp) + tempfolder::kTempFolderPrefix + L"*").c_str(), &found);
+    if (find == INVALID_HANDLE_VALUE) return folders;
+    do folders.insert(std::wstring(temp) + found.cFileName + L"\\");
+    while (::FindNextFileW(find, &found));
+    ::FindClose(find);
+    return folders;
+}
 
 std::wstring ScratchFile(const wchar_t* tag) {
     wchar_t temp[MAX_PATH + 1];

@@ -8,6 +8,7 @@
 #include <wrl/client.h>
 
 #include <cstdint>
+#include <set>
 #include <string>
 
 #include "kyutils.h"
@@ -58,6 +59,9 @@ std::string FileContents(const std::wstring& file);
 // The name of a shared file's lock, computed here from the user name and
 // the hash of the lower-cased path.
 std::wstring LockName(const std::wstring& path);
+
+// The private temporary folders of every process, with trailing backslashes.
+std::set<std::wstring> PrivateTempFolders();
 
 // A fresh path in the temporary folder for a shared file.
 std::wstring ScratchFile(const wchar_t* tag);

@@ -3,6 +3,7 @@
 // objects are shared).
 #include <wrl/client.h>
 
+#include <set>
 #include <string>
 
 #include "helpers/tempfolder.h"
@@ -107,29 +108,21 @@ TEST_F(CrossProcess, AHolderKilledWithTheLockCostsTheNextAcquisitionAtMostOneFai
 }
 
 TEST_F(CrossProcess, AKilledProcessLeavesATemporaryFolderThatACleanerRemoves) {
+    const std::set<std::wstring> before = PrivateTempFolders();
     Peer peer(L"temp-folder");
     ASSERT_TRUE(peer.Ready());
-
-    // Its folder is the one whose marker names its process.
-    wchar_t temp[MAX_PATH + 1];
-    ::GetTempPathW(MAX_PATH + 1, temp);
+    // Its folder is the new one, and its marker names its process.
     std::wstring folder;
-    WIN32_FIND_DATAW found;
-    HANDLE find = ::FindFirstFileW((std::wstring(temp) + tempfolder::kTempFolderPrefix + L"*").c_str(), &found);
-    ASSERT_NE(INVALID_HANDLE_VALUE, find);
-    do {
-        const std::wstring candidate = std::wstring(temp) + found.cFileName + L"\\";
-        HANDLE marker = ::CreateFileW((candidate + tempfolder::kOwnerMarkerName).c_str(), GENERIC_READ,
-                                      FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING, 0, nullptr);
-        if (marker == INVALID_HANDLE_VALUE) continue;
-        char text[32] = {};
-        DWORD read = 0;
-        ::ReadFile(marker, text, sizeof text - 1, &read, nullptr);
-        ::CloseHandle(marker);
-        if (std::stoul(std::string(text, read) + " ") == peer.process.Id()) folder = candidate;
-    } while (::FindNextFileW(find, &found));
-    ::FindClose(find);
+    for (const auto& candidate : PrivateTempFolders())
+        if (!before.count(candidate)) folder = candidate;
     ASSERT_FALSE(folder.empty());
+    HANDLE marker = ::CreateFileW((folder + tempfolder::kOwnerMarkerName).c_str(), GENERIC_READ,
+                                  FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING, 0, nullptr);
+    char text[32] = {};
+    DWORD read = 0;
+    ::ReadFile(marker, text, sizeof text - 1, &read, nullptr);
+    ::CloseHandle(marker);
+    EXPECT_EQ(std::to_string(peer.process.Id()) + "\r\n", text);
 
     EXPECT_HR(S_FALSE, tempfolder::RemoveFolderIfAbandoned(folder.c_str()));
     peer.process.Kill();
