@@ -18,10 +18,11 @@ struct OwnFolder {
     com::Handle marker;
 };
 
-OwnFolder& Own() {
-    static OwnFolder folder;
-    return folder;
-}
+// Made when the library loads, not on first use: the folder is removed while
+// the library detaches, no place to construct anything for the first time.
+OwnFolder g_own;
+
+OwnFolder& Own() { return g_own; }
 
 HRESULT LastError() {
     DWORD error = ::GetLastError();
