@@ -50,11 +50,25 @@ template <class CopyOut>
 void COutriggedMedium::WriteBackUnderLock(CopyOut copyOut) {
     sharedfile::FileLock lock(m_mutex.Get());
     if (!lock.Held()) return;
-    com::ComPtr<IStorage> root;
-    if (FAILED(::StgOpenStorage(m_filePath, nullptr, kSharedMode, nullptr, 0, &root))) return;
-    HRESULT hr = root->DestroyElement(m_elementName);
-    if (FAILED(hr) && hr != STG_E_FILENOTFOUND) return;
-    if (SUCCEEDED(root->Commit(STGC_DEFAULT))) copyOut(root.Get());
+    // The steps run on a copy of the file beside it, which then replaces the
+    // file in one rename: a process that dies half-way leaves the file as it
+    // was, never a compound file rewritten in place up to some sector.
+    const std::wstring shadow = sharedfile::ShadowPath(m_filePath);
+    if (!::CopyFileW(m_filePath, shadow.c_str(), FALSE)) return;  // only ever an existing file
+    bool opened = false;
+    {
+        com::ComPtr<IStorage> root;
+        opened = SUCCEEDED(::StgOpenStorage(shadow.c_str(), nullptr, kSharedMode, nullptr, 0, &root));
+        if (opened) {
+            HRESULT hr = root->DestroyElement(m_elementName);
+            if ((SUCCEEDED(hr) || hr == STG_E_FILENOTFOUND) && SUCCEEDED(root->Commit(STGC_DEFAULT)))
+                copyOut(root.Get());
+        }
+    }
+    // Whatever state the steps left is the file's now; nothing if the copy
+    // could not even be opened.
+    if (!opened || !::MoveFileExW(shadow.c_str(), m_filePath, MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH))
+        ::DeleteFileW(shadow.c_str());
 }
 
 HRESULT COutriggedStorage::Load() {

@@ -29,9 +29,10 @@ protected:
     // which is made when missing; E_FAIL when the lock is not granted.
     template <class CopyIn>
     HRESULT LoadUnderLock(CopyIn copyIn);
-    // Under the lock, opens the shared file (never making it), removes the
-    // element and runs `copyOut(IStorage* sharedRoot)`. Failures are dropped:
-    // at a final release nobody is left to hear of them.
+    // Under the lock, opens a working copy of the shared file (never making
+    // the file), removes the element, runs `copyOut(IStorage* sharedRoot)` and
+    // renames the copy over the file. Failures are dropped: at a final
+    // release nobody is left to hear of them.
     template <class CopyOut>
     void WriteBackUnderLock(CopyOut copyOut);
 

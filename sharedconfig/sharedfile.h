@@ -5,6 +5,11 @@
 // hexadecimal digits, made into a machine-wide, per-user kernel object name
 // by the helper object. The hash must stay exactly as it is: processes of
 // other builds compute the same name for the same file.
+//
+// Write-backs do not rewrite the file in place: they change a copy of it
+// beside it, <path> + kShadowSuffix, and rename that over the file. A copy
+// left behind by a process that died is stale and overwritten by the next
+// write-back; a maintenance step may delete it while it holds the lock.
 #pragma once
 
 #include <windows.h>
@@ -19,6 +24,7 @@ namespace ky::sharedfile {
 
 inline constexpr std::uint64_t kFnvOffsetBasis = 0xCBF29CE484222325ull;
 inline constexpr std::uint64_t kFnvPrime = 0x100000001B3ull;
+inline constexpr wchar_t kShadowSuffix[] = L".kyshadow";
 // How long a load, a write-back or a maintenance step waits for the lock.
 inline constexpr DWORD kLockTimeoutMs = 1000;
 
@@ -44,6 +50,9 @@ inline std::wstring PathHashDigits(const wchar_t* path, std::size_t length) {
     for (int i = 15; i >= 0; --i, hash >>= 4) digits[i] = L"0123456789ABCDEF"[hash & 0xF];
     return digits;
 }
+
+// The working copy of a write-back to the file at `path`.
+inline std::wstring ShadowPath(const wchar_t* path) { return std::wstring(path) + kShadowSuffix; }
 
 // Creates or opens the named mutex of the shared file at `path` (`length`
 // characters), its name made by `helper` with both flags set. E_FAIL when
