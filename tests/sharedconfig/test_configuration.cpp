@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "kytest.h"
+#include "sharedconfig/sharedfile.h"
 #include "sharedtest.h"
 
 using Microsoft::WRL::ComPtr;
@@ -302,6 +303,9 @@ TEST_F(SharedConfig, PrivateCopiesLiveExactlyAsLongAsTheirObjects) {
     EXPECT_EQ(before, PrivateFiles());
     EXPECT_TRUE(FAILED(m_manager.Stream(m_file + L".missing\\x.stg", L"s", &stream)));
     EXPECT_EQ(before, PrivateFiles());
+    // Nor does a write-back leave its working copy of the shared file.
+    EXPECT_EQ(static_cast<DWORD>(INVALID_FILE_ATTRIBUTES),
+              ::GetFileAttributesW(sharedfile::ShadowPath(m_file.c_str()).c_str()));
 }
 
 TEST_F(SharedConfig, AHolderOfTheLockUnderAnySpellingOfThePathMakesAcquisitionsFail) {
