@@ -15,7 +15,7 @@
 
 #include "tasks/tasks.h"
 
-// #include "helpers/helpers.h"
+#include "helpers/helpers.h"
 
 #include "dataexchange/objectcollection.h"
 
@@ -23,7 +23,7 @@
 
 #include "strings/strings.h"
 
-// #include "sharedconfig/configuration.h"
+#include "sharedconfig/configuration.h"
 
 #include "timer/systemtimer.h"
 
@@ -49,7 +49,7 @@ ObjectMapEntry g_objectMap[] = {
 
     MakeObjectMapEntry<CKyTasks, SingletonFactory>(CLSID_KyTasks, IDR_KYTASKS),
 
-    // MakeObjectMapEntry<CCoKyHelpers, ClassFactory>(CLSID_KyHelpers, IDR_KYHELPERS),
+    MakeObjectMapEntry<CCoKyHelpers, ClassFactory>(CLSID_KyHelpers, IDR_KYHELPERS),
 
     MakeObjectMapEntry<CCoKyObjectCollectionFactory, SingletonFactory>(CLSID_KyObjectCollectionFactory,
                                                                        IDR_KYOBJECTCOLLECTIONFACTORY),
@@ -58,8 +58,8 @@ ObjectMapEntry g_objectMap[] = {
 
     MakeObjectMapEntry<CCoKyStrings, ClassFactory>(CLSID_KyStrings, IDR_KYSTRINGS),
 
-    // MakeObjectMapEntry<CComStgOutriggedConfiguration, ClassFactory>(CLSID_ComStgOutriggedConfiguration,
-    //                                                                  IDR_COMSTGCONFIGURATIONMANAGER),
+    MakeObjectMapEntry<CComStgOutriggedConfiguration, ClassFactory>(CLSID_ComStgOutriggedConfiguration,
+                                                                     IDR_COMSTGCONFIGURATIONMANAGER),
 
     MakeObjectMapEntry<CMTAObjectGodfather, SingletonFactory>(CLSID_MTAObjectGodfather, IDR_MTAOBJECTGODFATHER),
 
