@@ -38,6 +38,7 @@ HRESULT COutriggedMedium::LoadUnderLock(CopyIn copyIn) {
     // Declared first, so released last: after the shared file.
     sharedfile::FileLock lock(m_mutex.Get());
     if (!lock.Held()) return E_FAIL;
+    sharedfile::RestoreInterruptedWriteBack(m_filePath);
     // Creating without STGM_CREATE succeeds only where there is no file yet.
     com::ComPtr<IStorage> root;
     HRESULT hr = ::StgCreateDocfile(m_filePath, kSharedMode, 0, &root);
@@ -50,25 +51,20 @@ template <class CopyOut>
 void COutriggedMedium::WriteBackUnderLock(CopyOut copyOut) {
     sharedfile::FileLock lock(m_mutex.Get());
     if (!lock.Held()) return;
-    // The steps run on a copy of the file beside it, which then replaces the
-    // file in one rename: a process that dies half-way leaves the file as it
-    // was, never a compound file rewritten in place up to some sector.
-    const std::wstring shadow = sharedfile::ShadowPath(m_filePath);
-    if (!::CopyFileW(m_filePath, shadow.c_str(), FALSE)) return;  // only ever an existing file
-    bool opened = false;
+    sharedfile::RestoreInterruptedWriteBack(m_filePath);
+    // Should this process die half-way, the next lock holder puts the backup back.
+    bool backedUp = sharedfile::BackUpBeforeWriteBack(m_filePath);
     {
+        // Opening only: the file is never created at write-back.
         com::ComPtr<IStorage> root;
-        opened = SUCCEEDED(::StgOpenStorage(shadow.c_str(), nullptr, kSharedMode, nullptr, 0, &root));
-        if (opened) {
+        if (SUCCEEDED(::StgOpenStorage(m_filePath, nullptr, kSharedMode, nullptr, 0, &root))) {
             HRESULT hr = root->DestroyElement(m_elementName);
             if ((SUCCEEDED(hr) || hr == STG_E_FILENOTFOUND) && SUCCEEDED(root->Commit(STGC_DEFAULT)))
                 copyOut(root.Get());
         }
     }
-    // Whatever state the steps left is the file's now; nothing if the copy
-    // could not even be opened.
-    if (!opened || !::MoveFileExW(shadow.c_str(), m_filePath, MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH))
-        ::DeleteFileW(shadow.c_str());
+    // A failed step leaves the file as it left it, as an uninterrupted one would.
+    if (backedUp) sharedfile::EndWriteBack(m_filePath);
 }
 
 HRESULT COutriggedStorage::Load() {

@@ -6,10 +6,14 @@
 // by the helper object. The hash must stay exactly as it is: processes of
 // other builds compute the same name for the same file.
 //
-// Write-backs do not rewrite the file in place: they change a copy of it
-// beside it, <path> + kShadowSuffix, and rename that over the file. A copy
-// left behind by a process that died is stale and overwritten by the next
-// write-back; a maintenance step may delete it while it holds the lock.
+// A write-back rewrites the file in place, in direct mode, so a process that
+// dies half-way would leave a compound file rewritten up to some sector.
+// Before it starts, the write-back therefore puts a complete copy of the
+// file beside it, <path> + kBackupSuffix (made under a temporary name and
+// renamed, so a backup that exists is whole), and deletes it when it is
+// done. Whoever takes the lock next and finds a backup puts it back over the
+// file first (RestoreInterruptedWriteBack): the interrupted write-back then
+// never happened.
 #pragma once
 
 #include <windows.h>
@@ -24,7 +28,7 @@ namespace ky::sharedfile {
 
 inline constexpr std::uint64_t kFnvOffsetBasis = 0xCBF29CE484222325ull;
 inline constexpr std::uint64_t kFnvPrime = 0x100000001B3ull;
-inline constexpr wchar_t kShadowSuffix[] = L".kyshadow";
+inline constexpr wchar_t kBackupSuffix[] = L".kybackup";
 // How long a load, a write-back or a maintenance step waits for the lock.
 inline constexpr DWORD kLockTimeoutMs = 1000;
 
@@ -51,8 +55,18 @@ inline std::wstring PathHashDigits(const wchar_t* path, std::size_t length) {
     return digits;
 }
 
-// The working copy of a write-back to the file at `path`.
-inline std::wstring ShadowPath(const wchar_t* path) { return std::wstring(path) + kShadowSuffix; }
+// The copy of the file at `path` that a write-back keeps while it runs.
+inline std::wstring BackupPath(const wchar_t* path) { return std::wstring(path) + kBackupSuffix; }
+
+// Under the lock: makes the backup of the file at `path` before a write-back.
+// False when there is no file to back up (the write-back then finds none
+// either).
+bool BackUpBeforeWriteBack(const wchar_t* path);
+// Under the lock: the write-back is over, whatever its steps did.
+void EndWriteBack(const wchar_t* path);
+// Under the lock: puts back the backup that a write-back killed half-way
+// left behind, if there is one. True when it restored one.
+bool RestoreInterruptedWriteBack(const wchar_t* path);
 
 // Creates or opens the named mutex of the shared file at `path` (`length`
 // characters), its name made by `helper` with both flags set. E_FAIL when

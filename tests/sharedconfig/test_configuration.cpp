@@ -303,9 +303,28 @@ TEST_F(SharedConfig, PrivateCopiesLiveExactlyAsLongAsTheirObjects) {
     EXPECT_EQ(before, PrivateFiles());
     EXPECT_TRUE(FAILED(m_manager.Stream(m_file + L".missing\\x.stg", L"s", &stream)));
     EXPECT_EQ(before, PrivateFiles());
-    // Nor does a write-back leave its working copy of the shared file.
+    // Nor does a write-back leave its backup of the shared file.
     EXPECT_EQ(static_cast<DWORD>(INVALID_FILE_ATTRIBUTES),
-              ::GetFileAttributesW(sharedfile::ShadowPath(m_file.c_str()).c_str()));
+              ::GetFileAttributesW(sharedfile::BackupPath(m_file.c_str()).c_str()));
+}
+
+TEST_F(SharedConfig, AWriteBackCutShortIsUndoneByTheNextLockHolder) {
+    // What a write-back killed half-way leaves: its backup, and a file
+    // rewritten up to some point.
+    PutShared(L"s", "before");
+    const std::wstring backup = sharedfile::BackupPath(m_file.c_str());
+    ASSERT_TRUE(::CopyFileW(m_file.c_str(), backup.c_str(), FALSE));
+    HANDLE file = ::CreateFileW(m_file.c_str(), GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr);
+    DWORD written = 0;
+    ::WriteFile(file, "torn", 4, &written, nullptr);
+    ::CloseHandle(file);
+
+    ComPtr<IStream> stream;
+    ASSERT_HR(S_OK, Stream(L"s", &stream));
+    EXPECT_EQ("before", ReadStream(stream.Get()));
+    EXPECT_EQ(static_cast<DWORD>(INVALID_FILE_ATTRIBUTES), ::GetFileAttributesW(backup.c_str()));
+    stream.Reset();
+    EXPECT_EQ("s=before;", Shared());
 }
 
 TEST_F(SharedConfig, AHolderOfTheLockUnderAnySpellingOfThePathMakesAcquisitionsFail) {
