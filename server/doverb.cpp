@@ -48,6 +48,8 @@ constexpr Verb kVerbs[] = {
     {L"register", L"", L"registers the library's classes, type library and interfaces"},
     {L"unregister", L"", L"removes what register wrote"},
     {L"reset-settings", L"", L"removes the application's settings (HKEY_CURRENT_USER\\" KY_SETTINGS_KEY L")"},
+    {L"list-config", L"<file>", L"lists the elements of a shared configuration file, under its lock"},
+    {L"clean-temp", L"", L"removes temporary folders of this library that no live process uses"},
 };
 
 constexpr bool HashesDistinct() {
@@ -179,6 +181,10 @@ int RunVerb(Console& out, const std::vector<std::wstring>& args) {
         return Register(out, false);
     case VerbHash(L"reset-settings"):
         return ResetSettings(out);
+    case VerbHash(L"list-config"):
+        return ListConfig(out, rest);
+    case VerbHash(L"clean-temp"):
+        return CleanTemp(out);
     default:
         out.Line(L"Unknown verb \"" + verb + L"\".");
         Help(out);

@@ -30,5 +30,7 @@ std::wstring HResultText(HRESULT hr);
 int RunVerb(Console& out, const std::vector<std::wstring>& args);
 
 int ResetSettings(Console& out);
+int ListConfig(Console& out, const std::vector<std::wstring>& args);
+int CleanTemp(Console& out);
 
 }  // namespace ky

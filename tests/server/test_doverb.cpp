@@ -1,8 +1,13 @@
 // The maintenance verbs, run the way users run them: rundll32 in a process
 // of its own, its output read from a pipe, its effects checked afterwards.
+#include <wrl/client.h>
+
 #include <string>
 
 #include "kytest.h"
+#include "sharedconfig/sharedfile.h"
+
+using Microsoft::WRL::ComPtr;
 
 namespace ky::test {
 namespace {
@@ -49,7 +54,7 @@ const wchar_t kSettings[] = L"Software\\Norvane\\Tessaly 3\\Settings";
 TEST(DoVerb, HelpListsEveryVerb) {
     Result r = RunVerb(L"help");
     EXPECT_EQ(0u, r.exitCode);
-    for (const char* verb : {"help", "register", "unregister", "reset-settings"})
+    for (const char* verb : {"help", "register", "unregister", "reset-settings", "list-config", "clean-temp"})
         EXPECT_TRUE(Contains(r.output, std::string("  ") + verb)) << verb << " missing from:\n" << r.output;
     EXPECT_EQ(0u, RunVerb(L"HELP").exitCode);  // verb names ignore case
 }
@@ -103,6 +108,94 @@ TEST(DoVerb, UnregisterAndRegisterChangeTheRegistry) {
     EXPECT_EQ(0u, r.exitCode) << r.output;
     EXPECT_TRUE(RegKeyExists(HKEY_CLASSES_ROOT, L"KyUtils.MTAObjectGodfather"));
     EXPECT_TRUE(Contains(r.output, "Registered ")) << r.output;
+}
+
+std::wstring TempPath() {
+    wchar_t temp[MAX_PATH];
+    ::GetTempPathW(MAX_PATH, temp);
+    return temp;
+}
+
+// A compound file with a stream, and a storage holding another stream.
+std::wstring MakeConfigFile() {
+    std::wstring path = TempPath() + L"doverb-config.stg";
+    ComPtr<IStorage> root, child;
+    ComPtr<IStream> stream;
+    const DWORD mode = STGM_READWRITE | STGM_SHARE_EXCLUSIVE;
+    EXPECT_HR(S_OK, ::StgCreateDocfile(path.c_str(), mode | STGM_CREATE, 0, &root));
+    EXPECT_HR(S_OK, root->CreateStream(L"Columns", mode, 0, 0, &stream));
+    stream->Write("0123456789", 10, nullptr);
+    EXPECT_HR(S_OK, root->CreateStorage(L"Servers", mode, 0, 0, &child));
+    stream.Reset();
+    EXPECT_HR(S_OK, child->CreateStream(L"ldap.example.org", mode, 0, 0, &stream));
+    stream->Write("389", 3, nullptr);
+    return path;
+}
+
+TEST(DoVerb, ListConfigShowsEveryElementWithItsKindAndSize) {
+    std::wstring path = MakeConfigFile();
+    Result r = RunVerb(L"list-config \"" + path + L"\"");
+    EXPECT_EQ(0u, r.exitCode) << r.output;
+    EXPECT_TRUE(Contains(r.output, "stream   Columns  10 bytes")) << r.output;
+    EXPECT_TRUE(Contains(r.output, "storage  Servers")) << r.output;
+    EXPECT_TRUE(Contains(r.output, "    stream   ldap.example.org  3 bytes")) << r.output;
+    EXPECT_TRUE(Contains(r.output, "2 stream(s), 1 storage(s).")) << r.output;
+
+    r = RunVerb(L"list-config \"" + path + L".missing\"");
+    EXPECT_EQ(1u, r.exitCode) << r.output;
+    EXPECT_EQ(1u, RunVerb(L"list-config").exitCode);
+    ::DeleteFileW(path.c_str());
+}
+
+TEST(DoVerb, ListConfigWaitsForTheFilesLockLikeEveryOtherUser) {
+    std::wstring path = MakeConfigFile();
+    // The lock every user of the file takes, held here for the whole run.
+    ComPtr<IKyStdStrings> helper;
+    ASSERT_HR(S_OK, ::CoCreateInstance(CLSID_KyHelpers, nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&helper)));
+    BSTR suffix = ::SysAllocString(sharedfile::PathHashDigits(path.c_str(), path.size()).c_str());
+    BSTR name = nullptr;
+    ASSERT_HR(S_OK, helper->CreateKernelObjectName(1, 1, suffix, &name));
+    HANDLE mutex = ::CreateMutexW(nullptr, TRUE, name);
+    ::SysFreeString(suffix);
+    ::SysFreeString(name);
+    helper.Reset();
+    ASSERT_NE(nullptr, mutex);
+
+    Result r = RunVerb(L"list-config \"" + path + L"\"");
+    EXPECT_EQ(1u, r.exitCode) << r.output;
+    EXPECT_TRUE(Contains(r.output, "was not granted")) << r.output;
+    ::ReleaseMutex(mutex);
+    ::CloseHandle(mutex);
+    EXPECT_EQ(0u, RunVerb(L"list-config \"" + path + L"\"").exitCode);
+    ::DeleteFileW(path.c_str());
+}
+
+TEST(DoVerb, CleanTempRemovesOnlyFoldersThatNoLiveProcessOwns) {
+    auto makeFolder = [](const wchar_t* guid, HANDLE* marker) {
+        std::wstring folder = TempPath() + L"KyUtils-" + guid;
+        ::CreateDirectoryW(folder.c_str(), nullptr);
+        *marker = ::CreateFileW((folder + L"\\KyUtils.owner").c_str(), GENERIC_READ | GENERIC_WRITE,
+                                FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, CREATE_ALWAYS, 0, nullptr);
+        HANDLE file = ::CreateFileW((folder + L"\\ky1.tmp").c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0,
+                                    nullptr);
+        ::CloseHandle(file);
+        return folder;
+    };
+    HANDLE deadMarker = nullptr, liveMarker = nullptr;
+    std::wstring dead = makeFolder(L"{0D1E0D1E-0000-4000-8000-000000000001}", &deadMarker);
+    std::wstring live = makeFolder(L"{0D1E0D1E-0000-4000-8000-000000000002}", &liveMarker);
+    ::CloseHandle(deadMarker);  // its owner is gone; this test stays the other's owner
+
+    Result r = RunVerb(L"clean-temp");
+    EXPECT_EQ(0u, r.exitCode) << r.output;
+    EXPECT_EQ(INVALID_FILE_ATTRIBUTES, ::GetFileAttributesW(dead.c_str())) << r.output;
+    EXPECT_NE(INVALID_FILE_ATTRIBUTES, ::GetFileAttributesW(live.c_str())) << r.output;
+    EXPECT_TRUE(Contains(r.output, "removed  ")) << r.output;
+    EXPECT_TRUE(Contains(r.output, "in use   ")) << r.output;
+
+    ::CloseHandle(liveMarker);
+    r = RunVerb(L"clean-temp");
+    EXPECT_EQ(INVALID_FILE_ATTRIBUTES, ::GetFileAttributesW(live.c_str())) << r.output;
 }
 
 }  // namespace
