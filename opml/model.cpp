@@ -3,6 +3,7 @@
 #include <cwchar>
 
 #include "com/guard.h"
+#include "com/property.h"
 #include "opml/text.h"
 
 namespace OPML {
@@ -350,27 +351,12 @@ HRESULT CHeader::PutString(com::Bstr& field, BSTR value) {
     return S_OK;
 }
 
-template <class T>
-HRESULT CHeader::GetValue(const T& field, T* value) {
-    if (!value) return E_POINTER;
-    com::Lock lock(m_lock);
-    *value = field;
-    return S_OK;
-}
-
-template <class T>
-HRESULT CHeader::PutValue(T& field, T value) {
-    com::Lock lock(m_lock);
-    field = value;
-    return S_OK;
-}
-
 STDMETHODIMP CHeader::get_Title(BSTR* pbstrTitle) { return GetString(m_title, pbstrTitle); }
 STDMETHODIMP CHeader::put_Title(BSTR bstrTitle) { return PutString(m_title, bstrTitle); }
-STDMETHODIMP CHeader::get_DateCreated(DATE* pdtCreated) { return GetValue(m_created, pdtCreated); }
-STDMETHODIMP CHeader::put_DateCreated(DATE dtCreated) { return PutValue(m_created, dtCreated); }
-STDMETHODIMP CHeader::get_DateModified(DATE* pdtModified) { return GetValue(m_modified, pdtModified); }
-STDMETHODIMP CHeader::put_DateModified(DATE dtModified) { return PutValue(m_modified, dtModified); }
+STDMETHODIMP CHeader::get_DateCreated(DATE* pdtCreated) { return com::GetLocked(m_lock, m_created, pdtCreated); }
+STDMETHODIMP CHeader::put_DateCreated(DATE dtCreated) { return com::PutLocked(m_lock, m_created, dtCreated); }
+STDMETHODIMP CHeader::get_DateModified(DATE* pdtModified) { return com::GetLocked(m_lock, m_modified, pdtModified); }
+STDMETHODIMP CHeader::put_DateModified(DATE dtModified) { return com::PutLocked(m_lock, m_modified, dtModified); }
 STDMETHODIMP CHeader::get_OwnerName(BSTR* pbstrOwnerName) { return GetString(m_ownerName, pbstrOwnerName); }
 STDMETHODIMP CHeader::put_OwnerName(BSTR bstrOwnerName) { return PutString(m_ownerName, bstrOwnerName); }
 STDMETHODIMP CHeader::get_OwnerEmail(BSTR* pbstrOwnerEmail) { return GetString(m_ownerEmail, pbstrOwnerEmail); }
@@ -381,18 +367,18 @@ STDMETHODIMP CHeader::get_ExpansionState(IOPMLExpansionState** ppExpansionState)
 }
 
 STDMETHODIMP CHeader::get_VertScrollState(ULONG* pdwVertScrollState) {
-    return GetValue(m_vertScrollState, pdwVertScrollState);
+    return com::GetLocked(m_lock, m_vertScrollState, pdwVertScrollState);
 }
 STDMETHODIMP CHeader::put_VertScrollState(ULONG dwVertScrollState) {
-    return PutValue(m_vertScrollState, dwVertScrollState);
+    return com::PutLocked(m_lock, m_vertScrollState, dwVertScrollState);
 }
-STDMETHODIMP CHeader::get_WindowTop(LONG* plWindowTop) { return GetValue(m_windowTop, plWindowTop); }
-STDMETHODIMP CHeader::put_WindowTop(LONG lWindowTop) { return PutValue(m_windowTop, lWindowTop); }
-STDMETHODIMP CHeader::get_WindowLeft(LONG* plWindowLeft) { return GetValue(m_windowLeft, plWindowLeft); }
-STDMETHODIMP CHeader::put_WindowLeft(LONG lWindowLeft) { return PutValue(m_windowLeft, lWindowLeft); }
-STDMETHODIMP CHeader::get_WindowBottom(LONG* plWindowBottom) { return GetValue(m_windowBottom, plWindowBottom); }
-STDMETHODIMP CHeader::put_WindowBottom(LONG lWindowBottom) { return PutValue(m_windowBottom, lWindowBottom); }
-STDMETHODIMP CHeader::get_WindowRight(LONG* plWindowRight) { return GetValue(m_windowRight, plWindowRight); }
-STDMETHODIMP CHeader::put_WindowRight(LONG lWindowRight) { return PutValue(m_windowRight, lWindowRight); }
+STDMETHODIMP CHeader::get_WindowTop(LONG* plWindowTop) { return com::GetLocked(m_lock, m_windowTop, plWindowTop); }
+STDMETHODIMP CHeader::put_WindowTop(LONG lWindowTop) { return com::PutLocked(m_lock, m_windowTop, lWindowTop); }
+STDMETHODIMP CHeader::get_WindowLeft(LONG* plWindowLeft) { return com::GetLocked(m_lock, m_windowLeft, plWindowLeft); }
+STDMETHODIMP CHeader::put_WindowLeft(LONG lWindowLeft) { return com::PutLocked(m_lock, m_windowLeft, lWindowLeft); }
+STDMETHODIMP CHeader::get_WindowBottom(LONG* plWindowBottom) { return com::GetLocked(m_lock, m_windowBottom, plWindowBottom); }
+STDMETHODIMP CHeader::put_WindowBottom(LONG lWindowBottom) { return com::PutLocked(m_lock, m_windowBottom, lWindowBottom); }
+STDMETHODIMP CHeader::get_WindowRight(LONG* plWindowRight) { return com::GetLocked(m_lock, m_windowRight, plWindowRight); }
+STDMETHODIMP CHeader::put_WindowRight(LONG lWindowRight) { return com::PutLocked(m_lock, m_windowRight, lWindowRight); }
 
 }  // namespace OPML

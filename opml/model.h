@@ -167,10 +167,6 @@ public:
 private:
     HRESULT GetString(const com::Bstr& field, BSTR* value);
     HRESULT PutString(com::Bstr& field, BSTR value);
-    template <class T>
-    HRESULT GetValue(const T& field, T* value);
-    template <class T>
-    HRESULT PutValue(T& field, T value);
 
     com::CriticalSection m_lock;
     com::Bstr m_title;

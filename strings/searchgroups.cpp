@@ -1,6 +1,7 @@
 #include "strings/searchgroups.h"
 
 #include "com/guard.h"
+#include "com/property.h"
 #include "server/resultcodes.h"
 #include "resource.h"
 #include "strings/records.h"
@@ -108,16 +109,12 @@ STDMETHODIMP CCoSearchAttributesGroup::put_Name(BSTR bstrName) {
 }
 
 STDMETHODIMP CCoSearchAttributesGroup::get_Active(VARIANT_BOOL* pvbActive) {
-    if (!pvbActive) return E_POINTER;
-    com::Lock lock(m_lock);
-    *pvbActive = m_active ? VARIANT_TRUE : VARIANT_FALSE;
-    return S_OK;
+    return com::GetLocked(m_lock, m_active, pvbActive);
 }
 
+// Only exactly VARIANT_TRUE makes the group active.
 STDMETHODIMP CCoSearchAttributesGroup::put_Active(VARIANT_BOOL vbActive) {
-    com::Lock lock(m_lock);
-    m_active = vbActive == VARIANT_TRUE;
-    return S_OK;
+    return com::PutLocked(m_lock, m_active, vbActive == VARIANT_TRUE);
 }
 
 STDMETHODIMP CCoSearchAttributesGroup::get_Attributes(IStrings** ppAttributes) {

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "com/guard.h"
+#include "com/property.h"
 #include "server/resultcodes.h"
 #include "strings/records.h"
 
@@ -48,30 +49,17 @@ STDMETHODIMP CCoKyStrings::get__NewEnum(IUnknown** ppEnum) {
 }
 
 STDMETHODIMP CCoKyStrings::get_UniqueStrings(VARIANT_BOOL* pvbUnique) {
-    if (!pvbUnique) return E_POINTER;
-    com::Lock lock(m_lock);
-    *pvbUnique = m_unique ? VARIANT_TRUE : VARIANT_FALSE;
-    return S_OK;
+    return com::GetLocked(m_lock, m_unique, pvbUnique);
 }
 
+// Only exactly VARIANT_TRUE switches it on.
 STDMETHODIMP CCoKyStrings::put_UniqueStrings(VARIANT_BOOL vbUnique) {
-    com::Lock lock(m_lock);
-    m_unique = vbUnique == VARIANT_TRUE;
-    return S_OK;
+    return com::PutLocked(m_lock, m_unique, vbUnique == VARIANT_TRUE);
 }
 
-STDMETHODIMP CCoKyStrings::get_CompareFlags(ULONG* pdwFlags) {
-    if (!pdwFlags) return E_POINTER;
-    com::Lock lock(m_lock);
-    *pdwFlags = m_compareFlags;
-    return S_OK;
-}
+STDMETHODIMP CCoKyStrings::get_CompareFlags(ULONG* pdwFlags) { return com::GetLocked(m_lock, m_compareFlags, pdwFlags); }
 
-STDMETHODIMP CCoKyStrings::put_CompareFlags(ULONG dwFlags) {
-    com::Lock lock(m_lock);
-    m_compareFlags = dwFlags;
-    return S_OK;
-}
+STDMETHODIMP CCoKyStrings::put_CompareFlags(ULONG dwFlags) { return com::PutLocked(m_lock, m_compareFlags, dwFlags); }
 
 STDMETHODIMP CCoKyStrings::Add(BSTR bstr) {
     return com::Guard([&]() -> HRESULT {
