@@ -16,9 +16,9 @@ constexpr int kMessages = 1005;  // per thread; not a multiple of 16, so unlocki
 constexpr ULONG kChannels[] = {601, 602, 603};
 
 TEST_F(Stress, EightThreadsLogToTwoListenersWithoutLosingOrMixingMessages) {
-    for (ULONG id : kChannels) Channel(id, L"Stress", LET_TRACE);
+    for (ULONG id : kChannels) Channel(id, LET_TRACE);
     ComPtr<Listener> listeners[2] = {NewListener(), NewListener()};
-    std::atomic<int> inside{0}, overlaps{0};
+    std::atomic<int> inside{0}, overlaps{0}, refused{0};
     for (auto& listener : listeners) {
         listener->onMessage = [&](const Heard&) {
             if (++inside > 1) ++overlaps;
@@ -27,7 +27,6 @@ TEST_F(Stress, EightThreadsLogToTwoListenersWithoutLosingOrMixingMessages) {
         };
     }
     IKyLogger* raw = logger.Get();  // free-threaded in use
-    std::atomic<int> refused{0};
     std::vector<std::thread> threads;
     for (int t = 0; t < kThreads; ++t) {
         threads.emplace_back([&, t] {
@@ -39,8 +38,7 @@ TEST_F(Stress, EightThreadsLogToTwoListenersWithoutLosingOrMixingMessages) {
                 EXPECT_HR(S_OK, LogText(raw, kChannels[i % 3], LET_TRACE, text));
                 if (LogText(raw, kChannels[i % 3], LET_ERROR, text) == S_FALSE) ++refused;
             }
-            HRESULT unlocked = raw->UnlockThreadOutput();
-            EXPECT_EQ(locked ? S_OK : S_FALSE, unlocked);
+            EXPECT_HR(locked ? S_OK : S_FALSE, raw->UnlockThreadOutput());
             ::CoUninitialize();
         });
     }
@@ -73,8 +71,7 @@ TEST_F(Stress, EightThreadsLogToTwoListenersWithoutLosingOrMixingMessages) {
             int t = std::stoi(h.text.substr(0, colon)), i = std::stoi(h.text.substr(colon + 1));
             EXPECT_EQ(next[t]++, i);
             EXPECT_EQ(kChannels[i % 3], h.channel);
-            threadOf.emplace(t, h.thread);
-            EXPECT_EQ(threadOf[t], h.thread);
+            EXPECT_EQ(threadOf.emplace(t, h.thread).first->second, h.thread);
         }
     }
 }
