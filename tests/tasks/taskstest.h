@@ -23,37 +23,38 @@ namespace ky::test {
 
 using Microsoft::WRL::ComPtr;
 
-inline IUnknown* IdentityOf(IUnknown* object) {
-    ComPtr<IUnknown> identity;
-    object->QueryInterface(IID_PPV_ARGS(&identity));
-    return identity.Get();  // for comparison only: the object is held elsewhere
+inline std::wstring Text(BSTR text) { return text ? std::wstring(text, ::SysStringLen(text)) : L"(null)"; }
+
+inline std::wstring NameOf(IKyTask* task) {
+    com::Bstr name;
+    EXPECT_HR(S_OK, task->get_Name(name.Out()));
+    return Text(name);
 }
 
-// One Invoke call as the sink saw it.
 struct Event {
     DISPID id;
-    std::wstring call;  // "3(ui4 4, task)": the DISPID and the arguments in DISPPARAMS order (last first)
-    bool asMethod;      // DISPATCH_METHOD, IID_NULL, the user's default locale
-    IUnknown* task;     // identity of the VT_DISPATCH argument
+    std::wstring call;  // "3(ui4 4, Copy)": the DISPID and the arguments, last first, a task by its name
     DWORD calledOn;
 };
 
 // A listener as script engines and class wizards make them: an IDispatch
-// that answers the event interface's identifier.
+// that answers the event interface's identifier and, as they do, takes
+// only plain method calls.
 class EventSink : public EventSinkBase<EventSink> {
 public:
-    STDMETHODIMP Invoke(DISPID id, REFIID riid, LCID lcid, WORD flags, DISPPARAMS* params, VARIANT* retval,
-                        EXCEPINFO*, UINT*) override {
-        Event event{id, std::to_wstring(id) + L"(",
-                    flags == DISPATCH_METHOD && IsEqualIID(riid, IID_NULL) && lcid == LOCALE_USER_DEFAULT, nullptr,
-                    ::GetCurrentThreadId()};
+    STDMETHODIMP Invoke(DISPID id, REFIID riid, LCID, WORD flags, DISPPARAMS* params, VARIANT* retval, EXCEPINFO*,
+                        UINT*) override {
+        if (!IsEqualIID(riid, IID_NULL)) return DISP_E_UNKNOWNINTERFACE;
+        if (flags != DISPATCH_METHOD || params->cNamedArgs) return DISP_E_MEMBERNOTFOUND;
+        Event event{id, std::to_wstring(id) + L"(", ::GetCurrentThreadId()};
         for (UINT i = 0; i < params->cArgs; ++i) {
             const VARIANT& arg = params->rgvarg[i];
+            ComPtr<IKyTask> task;
             if (i) event.call += L", ";
             if (V_VT(&arg) == VT_UI4) event.call += L"ui4 " + std::to_wstring(V_UI4(&arg));
-            else if (V_VT(&arg) == VT_DISPATCH) event.call += L"task";
+            else if (V_VT(&arg) == VT_DISPATCH && SUCCEEDED(V_DISPATCH(&arg)->QueryInterface(IID_PPV_ARGS(&task))))
+                event.call += NameOf(task.Get());
             else event.call += L"vt " + std::to_wstring(V_VT(&arg));
-            if (V_VT(&arg) == VT_DISPATCH) event.task = IdentityOf(V_DISPATCH(&arg));
         }
         event.call += L")";
         {
@@ -96,14 +97,6 @@ ComPtr<T> New() {
     ComPtr<T> object;
     EXPECT_HR(S_OK, T::Make(object));
     return object;
-}
-
-inline std::wstring Text(BSTR text) { return text ? std::wstring(text, ::SysStringLen(text)) : L"(null)"; }
-
-inline std::wstring NameOf(IKyTask* task) {
-    com::Bstr name;
-    EXPECT_HR(S_OK, task->get_Name(name.Out()));
-    return Text(name);
 }
 
 // What a task reads: "name, description, progress, flags, animation module,
