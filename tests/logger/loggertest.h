@@ -54,14 +54,6 @@ private:
     std::vector<Heard> m_heard;
 };
 
-inline HRESULT LogText(IKyLogger* logger, ULONG channel, ULONG type, const std::wstring& text,
-                       VARIANT* hint = nullptr) {
-    com::Variant message;
-    V_VT(&message) = VT_BSTR;
-    V_BSTR(&message) = ::SysAllocString(text.c_str());
-    return logger->Log(channel, KYEVENTTYPES(type), &message, hint);
-}
-
 // The logger is one object for the whole process: the fixture takes away the
 // channels, listeners and thread lock a test leaves behind.
 class LoggerTest : public ::testing::Test {
@@ -90,8 +82,12 @@ protected:
         if (advised) Advise(listener.Get());
         return listener;
     }
+    // Callable from any thread: the logger is free-threaded in use.
     HRESULT Log(ULONG channel, ULONG type, const std::wstring& text, VARIANT* hint = nullptr) {
-        return LogText(logger.Get(), channel, type, text, hint);
+        com::Variant message;
+        V_VT(&message) = VT_BSTR;
+        V_BSTR(&message) = ::SysAllocString(text.c_str());
+        return logger->Log(channel, KYEVENTTYPES(type), &message, hint);
     }
 
     ComPtr<IKyLogger> logger;

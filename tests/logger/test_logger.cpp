@@ -165,10 +165,9 @@ TEST_F(Logger, ALockedThreadsMessagesGoOutBySixteen) {
     EXPECT_EQ(16u, listener->All().size());
 
     // Another thread is neither held back nor able to unlock this one.
-    IKyLogger* raw = logger.Get();
     RunInApartment(COINIT_MULTITHREADED, [&] {
-        EXPECT_HR(S_FALSE, raw->UnlockThreadOutput());
-        EXPECT_HR(S_OK, LogText(raw, 701, LET_TRACE, L"worker"));
+        EXPECT_HR(S_FALSE, logger->UnlockThreadOutput());
+        EXPECT_HR(S_OK, Log(701, LET_TRACE, L"worker"));
     });
     EXPECT_EQ(L"worker", listener->Texts().back());
     EXPECT_HR(S_OK, logger->UnlockThreadOutput());

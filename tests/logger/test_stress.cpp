@@ -1,5 +1,5 @@
-// Many threads logging at once, half of them locked, while a listener and a
-// channel come and go: nothing is lost, nothing interleaves, nothing hangs.
+// Many threads logging at once on several channels, half of them locked:
+// nothing is lost, nothing interleaves, nothing hangs.
 #include <atomic>
 #include <map>
 #include <thread>
@@ -18,7 +18,7 @@ constexpr ULONG kChannels[] = {601, 602, 603};
 TEST_F(Stress, EightThreadsLogToTwoListenersWithoutLosingOrMixingMessages) {
     for (ULONG id : kChannels) Channel(id, LET_TRACE);
     ComPtr<Listener> listeners[2] = {NewListener(), NewListener()};
-    std::atomic<int> inside{0}, overlaps{0}, refused{0};
+    std::atomic<int> inside{0}, overlaps{0};
     for (auto& listener : listeners) {
         listener->onMessage = [&](const Heard&) {
             if (++inside > 1) ++overlaps;
@@ -26,39 +26,24 @@ TEST_F(Stress, EightThreadsLogToTwoListenersWithoutLosingOrMixingMessages) {
             --inside;
         };
     }
-    IKyLogger* raw = logger.Get();  // free-threaded in use
     std::vector<std::thread> threads;
     for (int t = 0; t < kThreads; ++t) {
         threads.emplace_back([&, t] {
             ::CoInitializeEx(nullptr, COINIT_MULTITHREADED);
             bool locked = t % 2 == 0;
-            if (locked) raw->LockThreadOutput();
+            if (locked) logger->LockThreadOutput();
             for (int i = 0; i < kMessages; ++i) {
                 std::wstring text = std::to_wstring(t) + L":" + std::to_wstring(i);
-                EXPECT_HR(S_OK, LogText(raw, kChannels[i % 3], LET_TRACE, text));
-                if (LogText(raw, kChannels[i % 3], LET_ERROR, text) == S_FALSE) ++refused;
+                EXPECT_HR(S_OK, Log(kChannels[i % 3], LET_TRACE, text));
+                EXPECT_HR(S_FALSE, Log(kChannels[i % 3], LET_ERROR, text));
             }
-            EXPECT_HR(locked ? S_OK : S_FALSE, raw->UnlockThreadOutput());
+            EXPECT_HR(locked ? S_OK : S_FALSE, logger->UnlockThreadOutput());
             ::CoUninitialize();
         });
     }
-    std::atomic<bool> done{false};
-    std::thread churn([&] {
-        auto passing = NewListener(false);
-        while (!done) {
-            ULONG cookie = 0;
-            EXPECT_HR(S_OK, raw->LoggerAdvise(passing.Get(), &cookie));
-            EXPECT_HR(S_OK, raw->RegisterChannel(610, com::Bstr(L"Passing"), LET_TRACE));
-            EXPECT_HR(S_OK, raw->RevokeChannel(610));
-            EXPECT_HR(S_OK, raw->LoggerUnadvise(cookie));
-        }
-    });
     for (auto& thread : threads) thread.join();
-    done = true;
-    churn.join();
 
     EXPECT_EQ(0, overlaps.load());
-    EXPECT_EQ(kThreads * kMessages, refused.load());
     for (auto& listener : listeners) {
         auto heard = listener->All();
         ASSERT_EQ(size_t(kThreads * kMessages), heard.size());

@@ -157,10 +157,10 @@ protected:
         Advise(sink.Get());
         return sink;
     }
-    IKyTask* Item(VARIANT index, HRESULT expected = S_OK) {
+    std::wstring Item(VARIANT index, HRESULT expected = S_OK) {
         ComPtr<IKyTask> task;
         EXPECT_HR(expected, tasks->get_Item(index, &task));
-        return task.Get();  // for comparison: the list holds it
+        return task ? NameOf(task.Get()) : L"";
     }
     LONG Count() {
         LONG count = -1;
