@@ -1,9 +1,6 @@
-// What the logger's test programs share: a listener that records what it
+// Shared by the logger's test programs: a listener that records what it
 // hears, and a fixture that leaves the process-wide logger as it found it.
 #pragma once
-
-#include <windows.h>
-#include <oleauto.h>
 
 #include <wrl/client.h>
 
@@ -20,30 +17,26 @@ namespace ky::test {
 
 using Microsoft::WRL::ComPtr;
 
-// One OnMessage call as the listener saw it.
 struct Heard {
-    ULONG channel;
-    ULONG type;
+    ULONG channel, type;
     std::wstring text;
-    bool hasHint;
-    VARTYPE hintType;
-    LONG hintValue;  // when the hint is VT_I4
-    DWORD thread;    // the thread the logger named
-    DWORD calledOn;  // the thread the call arrived on
+    std::wstring hint;  // "none" for a null pointer, "empty", or the VT_I4 value
+    DWORD thread;       // the thread the logger named
+    DWORD calledOn;     // the thread the call arrived on
 };
 
 class Listener : public com::Object<Listener, _IKyLoggerEvents> {
 public:
     STDMETHODIMP OnMessage(ULONG channel, KYEVENTTYPES type, BSTR text, VARIANT* hint, ULONG thread) override {
-        Heard heard{channel, ULONG(type), text ? std::wstring(text, ::SysStringLen(text)) : std::wstring(),
-                    hint != nullptr, hint ? V_VT(hint) : VARTYPE(VT_EMPTY), hint && V_VT(hint) == VT_I4 ? V_I4(hint) : 0,
-                    thread, ::GetCurrentThreadId()};
+        Heard heard{channel, ULONG(type), std::wstring(text, ::SysStringLen(text)),
+                    !hint ? L"none" : V_VT(hint) == VT_EMPTY ? L"empty" : std::to_wstring(V_I4(hint)), thread,
+                    ::GetCurrentThreadId()};
         {
             std::lock_guard<std::mutex> lock(m_mutex);
             m_heard.push_back(heard);
         }
         if (onMessage) onMessage(heard);
-        return result;
+        return E_FAIL;  // what a listener answers must not matter
     }
     std::vector<Heard> All() {
         std::lock_guard<std::mutex> lock(m_mutex);
@@ -54,8 +47,6 @@ public:
         for (const Heard& heard : All()) texts.push_back(heard.text);
         return texts;
     }
-
-    HRESULT result = S_OK;
     std::function<void(const Heard&)> onMessage;
 
 private:
@@ -63,38 +54,20 @@ private:
     std::vector<Heard> m_heard;
 };
 
-inline VARIANT Number(LONG value) {
-    VARIANT v;
-    V_VT(&v) = VT_I4;
-    V_I4(&v) = value;
-    return v;
-}
-
-// Sends a text message through any logger pointer.
-inline HRESULT LogText(IKyLogger* logger, ULONG channel, ULONG type, const std::wstring& text,
-                       VARIANT* hint = nullptr) {
-    com::Variant message;
-    V_VT(&message) = VT_BSTR;
-    V_BSTR(&message) = ::SysAllocString(text.c_str());
-    return logger->Log(channel, KYEVENTTYPES(type), &message, hint);
-}
-
-// The logger is one object for the whole process: every test registers its
-// own channels and listeners through the fixture, which takes them away.
+// The logger is one object for the whole process: the fixture takes away the
+// channels, listeners and thread lock a test leaves behind.
 class LoggerTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        ASSERT_HR(S_OK, ::CoCreateInstance(CLSID_KyLogger, nullptr, CLSCTX_INPROC_SERVER, IID_IKyLogger, &logger));
+        ASSERT_HR(S_OK, ::CoCreateInstance(CLSID_KyLogger, nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&logger)));
     }
     void TearDown() override {
         for (ULONG cookie : m_cookies) logger->LoggerUnadvise(cookie);
         for (ULONG channel : m_channels) logger->RevokeChannel(channel);
         logger->UnlockThreadOutput();
-        logger.Reset();
     }
-
-    void Channel(ULONG id, const wchar_t* name, ULONG mask) {
-        EXPECT_HR(S_OK, logger->RegisterChannel(id, com::Bstr(name), mask));
+    void Channel(ULONG id, ULONG mask) {
+        EXPECT_HR(S_OK, logger->RegisterChannel(id, com::Bstr(L"Test"), mask));
         m_channels.push_back(id);
     }
     ULONG Advise(_IKyLoggerEvents* listener) {
@@ -109,15 +82,18 @@ protected:
         if (advised) Advise(listener.Get());
         return listener;
     }
+    // Callable from any thread: the logger is free-threaded in use.
     HRESULT Log(ULONG channel, ULONG type, const std::wstring& text, VARIANT* hint = nullptr) {
-        return LogText(logger.Get(), channel, type, text, hint);
+        com::Variant message;
+        V_VT(&message) = VT_BSTR;
+        V_BSTR(&message) = ::SysAllocString(text.c_str());
+        return logger->Log(channel, KYEVENTTYPES(type), &message, hint);
     }
 
     ComPtr<IKyLogger> logger;
 
 private:
-    std::vector<ULONG> m_cookies;
-    std::vector<ULONG> m_channels;
+    std::vector<ULONG> m_cookies, m_channels;
 };
 
 }  // namespace ky::test

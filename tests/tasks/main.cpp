@@ -1,15 +1,11 @@
-// The task list's test programs run on the process's main single-threaded
-// apartment, where the list (registered without a threading model) lives.
+// The task list is registered without a threading model: its tests run on the
+// main STA. The sinks they make count in this program's own module.
 #include "com/module.h"
 #include "kytest.h"
 
 namespace {
-
-// The test program's own objects (sinks, callbacks) count in this module,
-// not in the library's.
 class TestModule : public com::Module {};
 TestModule g_module;
-
 }  // namespace
 
 KY_TEST_MAIN(COINIT_APARTMENTTHREADED)

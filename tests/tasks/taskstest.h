@@ -1,16 +1,14 @@
-// What the task list's test programs share: a dispatch sink that records
-// the events it is sent, a cancel callback, and a fixture that leaves the
+// Shared by the task list's test programs: a dispatch sink that records the
+// events it is sent, a cancel callback, and a fixture that leaves the
 // process-wide task list empty.
 #pragma once
 
-#include <windows.h>
 #include <ocidl.h>
 #include <olectl.h>
-#include <oleauto.h>
-
 #include <wrl/client.h>
 
 #include <atomic>
+#include <cwchar>
 #include <functional>
 #include <mutex>
 #include <string>
@@ -25,35 +23,40 @@ namespace ky::test {
 
 using Microsoft::WRL::ComPtr;
 
-// One Invoke call as the sink saw it.
+inline std::wstring Text(BSTR text) { return text ? std::wstring(text, ::SysStringLen(text)) : L"(null)"; }
+
+inline std::wstring NameOf(IKyTask* task) {
+    com::Bstr name;
+    EXPECT_HR(S_OK, task->get_Name(name.Out()));
+    return Text(name);
+}
+
 struct Event {
     DISPID id;
-    WORD flags;
-    LCID lcid;
-    bool nullIid;
-    std::vector<VARTYPE> types;  // in DISPPARAMS order (last argument first)
-    IUnknown* task;              // identity of the VT_DISPATCH argument, for comparison only
-    ULONG update;                // the VT_UI4 argument of OnUpdate
+    std::wstring call;  // "3(ui4 4, Copy)": the DISPID and the arguments, last first, a task by its name
     DWORD calledOn;
 };
 
 // A listener as script engines and class wizards make them: an IDispatch
-// that answers the event interface's identifier.
+// that answers the event interface's identifier and, as they do, takes
+// only plain method calls.
 class EventSink : public EventSinkBase<EventSink> {
 public:
-    STDMETHODIMP Invoke(DISPID id, REFIID riid, LCID lcid, WORD flags, DISPPARAMS* params, VARIANT* retval,
-                        EXCEPINFO*, UINT*) override {
-        Event event{id, flags, lcid, IsEqualIID(riid, IID_NULL) != FALSE, {}, nullptr, 0, ::GetCurrentThreadId()};
+    STDMETHODIMP Invoke(DISPID id, REFIID riid, LCID, WORD flags, DISPPARAMS* params, VARIANT* retval, EXCEPINFO*,
+                        UINT*) override {
+        if (!IsEqualIID(riid, IID_NULL)) return DISP_E_UNKNOWNINTERFACE;
+        if (flags != DISPATCH_METHOD || params->cNamedArgs) return DISP_E_MEMBERNOTFOUND;
+        Event event{id, std::to_wstring(id) + L"(", ::GetCurrentThreadId()};
         for (UINT i = 0; i < params->cArgs; ++i) {
             const VARIANT& arg = params->rgvarg[i];
-            event.types.push_back(V_VT(&arg));
-            if (V_VT(&arg) == VT_UI4) event.update = V_UI4(&arg);
-            if (V_VT(&arg) == VT_DISPATCH) {
-                ComPtr<IUnknown> identity;
-                V_DISPATCH(&arg)->QueryInterface(IID_PPV_ARGS(&identity));
-                event.task = identity.Get();
-            }
+            ComPtr<IKyTask> task;
+            if (i) event.call += L", ";
+            if (V_VT(&arg) == VT_UI4) event.call += L"ui4 " + std::to_wstring(V_UI4(&arg));
+            else if (V_VT(&arg) == VT_DISPATCH && SUCCEEDED(V_DISPATCH(&arg)->QueryInterface(IID_PPV_ARGS(&task))))
+                event.call += NameOf(task.Get());
+            else event.call += L"vt " + std::to_wstring(V_VT(&arg));
         }
+        event.call += L")";
         {
             std::lock_guard<std::mutex> lock(m_mutex);
             m_events.push_back(event);
@@ -66,6 +69,11 @@ public:
         std::lock_guard<std::mutex> lock(m_mutex);
         return m_events;
     }
+    std::vector<std::wstring> Calls() {
+        std::vector<std::wstring> calls;
+        for (const Event& event : Events()) calls.push_back(event.call);
+        return calls;
+    }
     size_t Count() { return Events().size(); }
 
     HRESULT result = S_OK;
@@ -76,17 +84,10 @@ private:
     std::vector<Event> m_events;
 };
 
-// The callback of the operation behind a task.
 class Canceller : public com::Object<Canceller, ICancelAsyncOperation> {
 public:
-    STDMETHODIMP get_Status(ULONG* status) override {
-        *status = 0;
-        return S_OK;
-    }
-    STDMETHODIMP Cancel() override {
-        ++cancels;
-        return result;
-    }
+    STDMETHODIMP get_Status(ULONG* status) override { return *status = 0, S_OK; }
+    STDMETHODIMP Cancel() override { return ++cancels, result; }
     std::atomic<int> cancels{0};
     HRESULT result = S_OK;
 };
@@ -98,13 +99,23 @@ ComPtr<T> New() {
     return object;
 }
 
-inline IUnknown* IdentityOf(IUnknown* object) {
-    ComPtr<IUnknown> identity;
-    object->QueryInterface(IID_PPV_ARGS(&identity));
-    return identity.Get();
+// What a task reads: "name, description, progress, flags, animation module,
+// resource, tag".
+inline std::wstring State(IKyTask* task) {
+    com::Bstr description, module;
+    int progress = 0, tag = 0;
+    ULONG flags = 0;
+    UINT resource = 0;
+    EXPECT_HR(S_OK, task->get_Description(description.Out()));
+    EXPECT_HR(S_OK, task->get_Progress(&progress));
+    EXPECT_HR(S_OK, task->get_Flags(&flags));
+    EXPECT_HR(S_OK, task->GetAnimation(module.Out(), &resource));
+    EXPECT_HR(S_OK, task->get_Tag(&tag));
+    wchar_t text[200];
+    std::swprintf(text, 200, L", %ls, %d, %#lx, %ls, %d, %d", Text(description).c_str(), progress, flags,
+                  Text(module).c_str(), int(resource), tag);
+    return NameOf(task) + text;
 }
-
-inline std::wstring Text(BSTR text) { return text ? std::wstring(text, ::SysStringLen(text)) : L"(null)"; }
 
 inline VARIANT Index(LONG value) {
     VARIANT v;
@@ -118,7 +129,7 @@ inline VARIANT Index(LONG value) {
 class TasksTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        ASSERT_HR(S_OK, ::CoCreateInstance(CLSID_KyTasks, nullptr, CLSCTX_INPROC_SERVER, IID_IKyTasks, &tasks));
+        ASSERT_HR(S_OK, ::CoCreateInstance(CLSID_KyTasks, nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&tasks)));
         ComPtr<IConnectionPointContainer> container;
         ASSERT_HR(S_OK, tasks.As(&container));
         ASSERT_HR(S_OK, container->FindConnectionPoint(DIID__IKyTasksEvents, &point));
@@ -128,12 +139,9 @@ protected:
         ComPtr<IKyTask> first;
         while (SUCCEEDED(tasks->get_Item(Index(0), &first)) && SUCCEEDED(tasks->Remove(first.Get()))) {
         }
-        point.Reset();
-        tasks.Reset();
     }
 
-    ComPtr<IKyTask> Add(const wchar_t* name, VARIANT_BOOL show = VARIANT_FALSE,
-                        ICancelAsyncOperation* cancel = nullptr) {
+    ComPtr<IKyTask> Add(const wchar_t* name, VARIANT_BOOL show = 0, ICancelAsyncOperation* cancel = nullptr) {
         ComPtr<IKyTask> task;
         EXPECT_HR(S_OK, tasks->Add(com::Bstr(name), show, cancel, &task));
         return task;
@@ -149,10 +157,10 @@ protected:
         Advise(sink.Get());
         return sink;
     }
-    IKyTask* Item(VARIANT index, HRESULT expected = S_OK) {
+    std::wstring Item(VARIANT index, HRESULT expected = S_OK) {
         ComPtr<IKyTask> task;
         EXPECT_HR(expected, tasks->get_Item(index, &task));
-        return task.Get();  // for comparison: the list holds it
+        return task ? NameOf(task.Get()) : L"";
     }
     LONG Count() {
         LONG count = -1;
