@@ -38,20 +38,9 @@ TEST(ClipboardGateway, RawCallsReportFailureAsEFail) {
     EXPECT_HR(E_POINTER, ole->GetClipboardData(CF_UNICODETEXT, nullptr));
     EXPECT_HR(E_POINTER, ole->GetClipboard(nullptr));
 
-    // While another thread's window holds the clipboard open, this thread cannot open it.
-    StaThread holder;
-    HWND window = nullptr;
-    holder.Run([&] {
-        window = ::CreateWindowExW(0, L"STATIC", nullptr, 0, 0, 0, 0, 0, HWND_MESSAGE, nullptr, nullptr, nullptr);
-        EXPECT_TRUE(window && ::OpenClipboard(window));
-    });
-    HRESULT hr = ole->OpenClipboard(0);
-    EXPECT_HR(E_FAIL, hr);
-    if (SUCCEEDED(hr)) ole->CloseClipboard();
-    holder.Run([&] {
-        ::CloseClipboard();
-        ::DestroyWindow(window);
-    });
+    HWND gone = ::CreateWindowExW(0, L"STATIC", nullptr, 0, 0, 0, 0, 0, HWND_MESSAGE, nullptr, nullptr, nullptr);
+    ::DestroyWindow(gone);
+    EXPECT_HR(E_FAIL, ole->OpenClipboard(reinterpret_cast<ULONG_PTR>(gone)));
 }
 
 TEST(ClipboardGateway, ADataObjectOnTheClipboardIsReadByEveryRouteAndFlushed) {
