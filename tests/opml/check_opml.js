@@ -11,24 +11,23 @@ const expected = JSON.parse(fs.readFileSync(jsonFile, 'utf8'));
 
 // The parser's tree in the terms of the description: attributes in document
 // order as [name, value] pairs, sub-outlines as children.
-function outlines(subs) {
-  return (subs || []).map((outline) => ({
-    attributes: Object.entries(outline).filter(([name]) => name !== 'subs'),
-    children: outlines(outline.subs),
-  }));
-}
+const outlines = (subs) => (subs || []).map((outline) => ({
+  attributes: Object.entries(outline).filter(([name]) => name !== 'subs'),
+  children: outlines(outline.subs),
+}));
 
+// The header fields that the writer writes, in the description's order and
+// then any others: dates as instants, numbers as numbers.
+const numbers = ['vertScrollState', 'windowTop', 'windowLeft', 'windowBottom', 'windowRight'];
+const fields = ['title', 'dateCreated', 'dateModified', 'ownerName', 'ownerEmail', 'expansionState', ...numbers];
 function head(parsed) {
   const result = {};
-  for (const name of ['title', 'ownerName', 'ownerEmail']) {
-    if (name in parsed) result[name] = parsed[name];
-  }
-  for (const name of ['dateCreated', 'dateModified']) {
-    if (name in parsed) result[name] = Date.parse(parsed[name]);
-  }
-  if ('expansionState' in parsed) result.expansionState = parsed.expansionState.split(',').map(Number);
-  for (const name of ['vertScrollState', 'windowTop', 'windowLeft', 'windowBottom', 'windowRight']) {
-    if (name in parsed) result[name] = Number(parsed[name]);
+  for (const name of [...Object.keys(expected.head), ...fields]) {
+    if (!(name in parsed) || name in result) continue;
+    const value = parsed[name];
+    if (name.startsWith('date')) result[name] = Date.parse(value);
+    else if (name === 'expansionState') result[name] = value.split(',').map(Number);
+    else result[name] = numbers.includes(name) ? Number(value) : value;
   }
   return result;
 }
@@ -38,22 +37,12 @@ opml.parse(fs.readFileSync(opmlFile, 'utf8'), (err, theOutline) => {
     console.error(`${opmlFile}: not read: ${err.message || err}`);
     process.exit(1);
   }
-  const actual = {
-    head: head(theOutline.opml.head),
-    outlines: outlines(theOutline.opml.body.subs),
-  };
-  // Keys in the description's order, so that equal documents print equally.
-  const ordered = { head: {}, outlines: actual.outlines };
-  for (const name of Object.keys(expected.head)) if (name in actual.head) ordered.head[name] = actual.head[name];
-  for (const name of Object.keys(actual.head)) if (!(name in ordered.head)) ordered.head[name] = actual.head[name];
-  const got = JSON.stringify(ordered, null, 1);
+  const got = JSON.stringify({ head: head(theOutline.opml.head), outlines: outlines(theOutline.opml.body.subs) }, null, 1);
   const want = JSON.stringify(expected, null, 1);
   if (got !== want) {
-    const lines = [got.split('\n'), want.split('\n')];
-    const at = lines[0].findIndex((line, i) => line !== lines[1][i]);
-    console.error(`${opmlFile}: differs from ${jsonFile} at line ${at + 1}:`);
-    console.error(`  read:     ${lines[0][at]}`);
-    console.error(`  expected: ${lines[1][at]}`);
+    const [a, b] = [got.split('\n'), want.split('\n')];
+    const at = a.findIndex((line, i) => line !== b[i]);
+    console.error(`${opmlFile}: differs from ${jsonFile} at line ${at + 1}:\n  read:     ${a[at]}\n  expected: ${b[at]}`);
     process.exit(1);
   }
   console.log(`${opmlFile}: the same document`);
