@@ -10,13 +10,17 @@ ComPtr<IOPMLDocument> NewDocument() {
     return document;
 }
 
+HRESULT SaveInto(IOPMLDocument* document, IStream* stream) {
+    VARIANT target;
+    V_VT(&target) = VT_UNKNOWN;
+    V_UNKNOWN(&target) = stream;
+    return document->Save(&target);
+}
+
 std::string Saved(IOPMLDocument* document, HRESULT expected) {
     ComPtr<IStream> stream;
     EXPECT_HR(S_OK, ::CreateStreamOnHGlobal(nullptr, TRUE, &stream));
-    VARIANT target;
-    V_VT(&target) = VT_UNKNOWN;
-    V_UNKNOWN(&target) = stream.Get();
-    EXPECT_HR(expected, document->Save(&target));
+    EXPECT_HR(expected, SaveInto(document, stream.Get()));
     STATSTG stat{};
     stream->Stat(&stat, STATFLAG_NONAME);
     std::string bytes(static_cast<size_t>(stat.cbSize.QuadPart), '\0');
@@ -33,11 +37,12 @@ HRESULT LoadText(IOPMLDocument* document, const std::wstring& text) {
     return document->Load(&input);
 }
 
-HRESULT LoadBytes(IOPMLDocument* document, const std::string& bytes) {
+HRESULT LoadBytes(IOPMLDocument* document, const std::string& bytes, LONGLONG position) {
     ComPtr<IStream> stream;
     EXPECT_HR(S_OK, ::CreateStreamOnHGlobal(nullptr, TRUE, &stream));
     stream->Write(bytes.data(), static_cast<ULONG>(bytes.size()), nullptr);
     LARGE_INTEGER start{};
+    start.QuadPart = position;
     stream->Seek(start, STREAM_SEEK_SET, nullptr);
     VARIANT input;
     V_VT(&input) = VT_UNKNOWN;

@@ -42,11 +42,14 @@ inline ComPtr<IOPMLOutlines> BodyOf(IOPMLDocument* d) { return Get(d, &IOPMLDocu
 inline ComPtr<IOPMLOutlines> SubItemsOf(IOPMLOutline* o) { return Get(o, &IOPMLOutline::get_SubItems); }
 inline ComPtr<IOPMLAttributes> AttributesOf(IOPMLOutline* o) { return Get(o, &IOPMLOutline::get_Attributes); }
 
-// The bytes Save writes into a memory stream; Save must answer `expected`.
+// Save into a stream; the bytes Save writes into a memory stream, where it
+// must answer `expected`.
+HRESULT SaveInto(IOPMLDocument* document, IStream* stream);
 std::string Saved(IOPMLDocument* document, HRESULT expected = S_OK);
-// Load from XML text in a BSTR, or from bytes in a memory stream.
+// Load from XML text in a BSTR, or from bytes in a memory stream that
+// stands at `position`.
 HRESULT LoadText(IOPMLDocument* document, const std::wstring& text);
-HRESULT LoadBytes(IOPMLDocument* document, const std::string& bytes);
+HRESULT LoadBytes(IOPMLDocument* document, const std::string& bytes, LONGLONG position = 0);
 
 // A lookup key for Item and Remove.
 struct Key : com::Variant {
