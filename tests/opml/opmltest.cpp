@@ -78,18 +78,24 @@ void AddAttribute(IOPMLOutline* outline, const std::wstring& name, const std::ws
     EXPECT_HR(S_OK, attribute->put_Value(com::Bstr(value.data(), static_cast<UINT>(value.size()))));
 }
 
-std::wstring AttributesText(IOPMLOutline* outline) {
+std::vector<std::pair<std::wstring, std::wstring>> AttributePairs(IOPMLOutline* outline) {
     ComPtr<IOPMLAttributes> attributes = AttributesOf(outline);
     LONG count = 0;
     EXPECT_HR(S_OK, attributes->get_Count(&count));
-    std::wstring text;
+    std::vector<std::pair<std::wstring, std::wstring>> pairs;
     for (LONG i = 1; i <= count; ++i) {
         ComPtr<IOPMLAttribute> attribute;
         EXPECT_HR(S_OK, attributes->get_Item(Key(i), &attribute));
-        if (!attribute) break;
-        text += (i > 1 ? L" " : L"") + Str(attribute, &IOPMLAttribute::get_Name) + L"=\"" +
-                Str(attribute, &IOPMLAttribute::get_Value) + L"\"";
+        if (attribute)
+            pairs.emplace_back(Str(attribute, &IOPMLAttribute::get_Name), Str(attribute, &IOPMLAttribute::get_Value));
     }
+    return pairs;
+}
+
+std::wstring AttributesText(IOPMLOutline* outline) {
+    std::wstring text;
+    for (const auto& [name, value] : AttributePairs(outline))
+        text += (text.empty() ? L"" : L" ") + name + L"=\"" + value + L"\"";
     return text;
 }
 
@@ -157,8 +163,7 @@ void BuildRichDocument(IOPMLDocument* document, int outlines, int depth) {
         ComPtr<IOPMLOutline> outline = AddOutline(parent.first.Get(), texts[i % textCount]);
         AddAttribute(outline.Get(), L"type", i % 2 ? L"link" : L"note");
         for (unsigned a = 0, extra = next(12); a < extra; ++a) {
-            AddAttribute(outline.Get(), L"a" + std::to_wstring(a) + L"_" + std::to_wstring(i),
-                         texts[next(textCount)]);
+            AddAttribute(outline.Get(), L"a" + std::to_wstring(a) + L"_" + std::to_wstring(i), texts[next(textCount)]);
         }
         if (parent.second + 1 < depth) parents.emplace_back(SubItemsOf(outline.Get()), parent.second + 1);
     }

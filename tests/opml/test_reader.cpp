@@ -44,8 +44,7 @@ TEST(Reader, AStructuralViolationStopsTheReadAndKeepsWhatCameBefore) {
         {"header element in the body", Document(L"<title>t</title>", L"<outline/><title>u</title><outline/>"),
          L"t|||1"},
         {"unknown element in the body", Document(L"", L"<outline><outline/><p/></outline><outline/>"), L"|||1"},
-        {"second body", L"<opml version=\"1.0\"><head/><body><outline/></body><body><outline/></body></opml>",
-         L"|||1"},
+        {"second body", L"<opml version=\"1.0\"><head/><body><outline/></body><body><outline/></body></opml>", L"|||1"},
         {"not well-formed", Document(L"<title>t</title>", L"<outline/><outline></body>"), L"t|||2"},
     };
     for (const auto& c : cases) {
@@ -100,31 +99,28 @@ TEST(Reader, NumbersAndListsAreReadLeniently) {
 // Dates in the usual RFC 822 forms are read; text that is no date stops the
 // read, and nothing after it is stored.
 TEST(Reader, DatesInTheUsualRfc822FormsAreRead) {
-    const double kJuly1At16 = 45474.0 + 16 / 24.0;
-    const struct {
-        const wchar_t* text;
-        double expected;  // in universal time (TZ=UTC); 0 for refused text
-    } cases[] = {
-        {L"Mon, 01 Jul 2024 16:00:05 GMT", kJuly1At16 + 5 / 86400.0},
-        {L"  mon,1 jul 2024 16:00:05 gmt ", kJuly1At16 + 5 / 86400.0},
-        {L"01 Jul 2024 16:00 UT", kJuly1At16},
-        {L"Mon, 01 Jul 24 16:00:00 Z", kJuly1At16},
-        {L"01 Jul 99 16:00:00 UTC", 36342.0 + 16 / 24.0},
-        {L"Mon, 01 Jul 2024 18:30:00 +0230", kJuly1At16},
-        {L"Mon, 01 Jul 2024 12:00:00 EDT", kJuly1At16},
-        {L"Sun, 30 Jun 2024 23:00:00 -1700", kJuly1At16},
-        {L"", 0}, {L"yesterday", 0}, {L"Mon, 01 Jul 2024", 0}, {L"Mon 01 Jul 2024 16:00:00 GMT", 0},
-        {L"30 Feb 2024 16:00:00 GMT", 0}, {L"01 Jul 2024 24:00:00 GMT", 0}, {L"01 Jul 2024 16:00:00", 0},
-        {L"01 Jul 2024 16:00:00 GMT x", 0}, {L"01 Jul 2024 16:00:00 +2400", 0},
-    };
-    for (const auto& c : cases) {
+    auto check = [](const wchar_t* text, double expected) {  // in universal time (TZ=UTC); 0: refused
         ComPtr<IOPMLDocument> document = NewDocument();
-        EXPECT_HR(S_OK, LoadText(document.Get(), Document(std::wstring(L"<title>t</title><dateCreated>") + c.text +
+        EXPECT_HR(S_OK, LoadText(document.Get(), Document(std::wstring(L"<title>t</title><dateCreated>") + text +
                                                           L"</dateCreated><ownerName>o</ownerName>")));
         DATE created = -1;
         EXPECT_HR(S_OK, HeaderOf(document.Get())->get_DateCreated(&created));
-        EXPECT_NEAR(c.expected, created, 1e-9) << Narrow(c.text);
-        EXPECT_EQ(c.expected ? L"t|o||0" : L"t|||0", Summary(document.Get())) << Narrow(c.text);
+        EXPECT_NEAR(expected, created, 1e-9) << Narrow(text);
+        EXPECT_EQ(expected ? L"t|o||0" : L"t|||0", Summary(document.Get())) << Narrow(text);
+    };
+    const double kJuly1At16 = 45474.0 + 16 / 24.0;
+    check(L"Mon, 01 Jul 2024 16:00:05 GMT", kJuly1At16 + 5 / 86400.0);
+    check(L"  mon,1 jul 2024 16:00:05 gmt ", kJuly1At16 + 5 / 86400.0);
+    check(L"01 Jul 99 16:00:00 UTC", 36342.0 + 16 / 24.0);
+    for (const wchar_t* text :
+         {L"01 Jul 2024 16:00 UT", L"Mon, 01 Jul 24 16:00:00 Z", L"Mon, 01 Jul 2024 18:30:00 +0230",
+          L"Mon, 01 Jul 2024 12:00:00 EDT", L"Sun, 30 Jun 2024 23:00:00 -1700"}) {
+        check(text, kJuly1At16);
+    }
+    for (const wchar_t* text : {L"", L"yesterday", L"Mon, 01 Jul 2024", L"Mon 01 Jul 2024 16:00:00 GMT",
+                                L"30 Feb 2024 16:00:00 GMT", L"01 Jul 2024 24:00:00 GMT", L"01 Jul 2024 16:00:00",
+                                L"01 Jul 2024 16:00:00 GMT x", L"01 Jul 2024 16:00:00 +2400"}) {
+        check(text, 0);
     }
 }
 
@@ -150,12 +146,14 @@ const struct {
          return LoadBytes(d, std::string(reinterpret_cast<const char*>(marked.data()), marked.size() * 2));
      }},
     {"byte array", [](IOPMLDocument* d, const std::wstring& t) { return LoadArray(d, Narrow(t)); }},
-    {"stream past a prefix", [](IOPMLDocument* d, const std::wstring& t) { return LoadBytes(d, "skip" + Narrow(t), 4); }},
+    {"stream past a prefix",
+     [](IOPMLDocument* d, const std::wstring& t) { return LoadBytes(d, "skip" + Narrow(t), 4); }},
 };
 
 TEST(Reader, TakesTextStreamsAndByteArrays) {
-    const std::wstring text = L"<?xml version=\"1.0\"?><opml version=\"1.0\"><head><title>\u4E2D\U0001F600</title>"
-                              L"</head><body><outline text=\"\u05D0\"/></body></opml>";
+    const std::wstring text =
+        L"<?xml version=\"1.0\"?><opml version=\"1.0\"><head><title>\u4E2D\U0001F600</title>"
+        L"</head><body><outline text=\"\u05D0\"/></body></opml>";
     for (const auto& form : kInputForms) {
         ComPtr<IOPMLDocument> document = NewDocument();
         EXPECT_HR(S_OK, form.load(document.Get(), text)) << form.name;
@@ -192,8 +190,9 @@ TEST(Reader, DocumentsWithADtdLoadNothingInAnyForm) {
     ::DeleteFileW(secret.c_str());
     // A mention in a comment is no DTD.
     ComPtr<IOPMLDocument> document = NewDocument();
-    EXPECT_HR(S_OK, LoadText(document.Get(), L"<!-- <!DOCTYPE opml> --><opml version=\"1.0\"><head><title>t"
-                                             L"</title></head><body><outline/></body></opml>"));
+    EXPECT_HR(S_OK, LoadText(document.Get(),
+                             L"<!-- <!DOCTYPE opml> --><opml version=\"1.0\"><head><title>t"
+                             L"</title></head><body><outline/></body></opml>"));
     EXPECT_EQ(L"t|||1", Summary(document.Get()));
 }
 

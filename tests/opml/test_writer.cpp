@@ -70,10 +70,11 @@ TEST(Writer, TextAndAttributesAreEscapedDifferently) {
     const wchar_t* special = L"a&b<c>d\"e'f\u00E9\u4E2D\U0001F600\t|\n|\r\n|\x01\x1F|";
     EXPECT_HR(S_OK, HeaderOf(document.Get())->put_Title(com::Bstr(special)));
     AddAttribute(AddOutline(BodyOf(document.Get()).Get(), special).Get(), L"n\u00E9", L"\x02");
-    EXPECT_EQ(Image("\t\t<title>a&amp;b&lt;c&gt;d\"e'f\xC3\xA9\xE4\xB8\xAD\xF0\x9F\x98\x80\t|\n|&#13;\n||</title>\r\n",
-                    "\t<body>\r\n\t\t<outline text=\"a&amp;b&lt;c&gt;d&quot;e&apos;f\xC3\xA9\xE4\xB8\xAD\xF0\x9F\x98\x80"
-                    "&#9;|&#10;|&#13;&#10;||\" n\xC3\xA9=\"\"/>\r\n\t</body>\r\n</opml>\r\n"),
-              Saved(document.Get()));
+    EXPECT_EQ(
+        Image("\t\t<title>a&amp;b&lt;c&gt;d\"e'f\xC3\xA9\xE4\xB8\xAD\xF0\x9F\x98\x80\t|\n|&#13;\n||</title>\r\n",
+              "\t<body>\r\n\t\t<outline text=\"a&amp;b&lt;c&gt;d&quot;e&apos;f\xC3\xA9\xE4\xB8\xAD\xF0\x9F\x98\x80"
+              "&#9;|&#10;|&#13;&#10;||\" n\xC3\xA9=\"\"/>\r\n\t</body>\r\n</opml>\r\n"),
+        Saved(document.Get()));
 }
 
 // Outlines without sub-items close on their line; others nest one TAB per
