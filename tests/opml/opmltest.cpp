@@ -10,17 +10,10 @@ ComPtr<IOPMLDocument> NewDocument() {
     return document;
 }
 
-HRESULT SaveInto(IOPMLDocument* document, IStream* stream) {
-    VARIANT target;
-    V_VT(&target) = VT_UNKNOWN;
-    V_UNKNOWN(&target) = stream;
-    return document->Save(&target);
-}
-
 std::string Saved(IOPMLDocument* document, HRESULT expected) {
     ComPtr<IStream> stream;
     EXPECT_HR(S_OK, ::CreateStreamOnHGlobal(nullptr, TRUE, &stream));
-    EXPECT_HR(expected, SaveInto(document, stream.Get()));
+    EXPECT_HR(expected, document->Save(Arg(stream.Get())));
     STATSTG stat{};
     stream->Stat(&stat, STATFLAG_NONAME);
     std::string bytes(static_cast<size_t>(stat.cbSize.QuadPart), '\0');
@@ -30,13 +23,6 @@ std::string Saved(IOPMLDocument* document, HRESULT expected) {
     return bytes;
 }
 
-HRESULT LoadText(IOPMLDocument* document, const std::wstring& text) {
-    com::Variant input;
-    V_VT(&input) = VT_BSTR;
-    V_BSTR(&input) = ::SysAllocStringLen(text.data(), static_cast<UINT>(text.size()));
-    return document->Load(&input);
-}
-
 HRESULT LoadBytes(IOPMLDocument* document, const std::string& bytes, LONGLONG position) {
     ComPtr<IStream> stream;
     EXPECT_HR(S_OK, ::CreateStreamOnHGlobal(nullptr, TRUE, &stream));
@@ -44,10 +30,7 @@ HRESULT LoadBytes(IOPMLDocument* document, const std::string& bytes, LONGLONG po
     LARGE_INTEGER start{};
     start.QuadPart = position;
     stream->Seek(start, STREAM_SEEK_SET, nullptr);
-    VARIANT input;
-    V_VT(&input) = VT_UNKNOWN;
-    V_UNKNOWN(&input) = stream.Get();
-    return document->Load(&input);
+    return document->Load(Arg(stream.Get()));
 }
 
 ComPtr<IOPMLOutline> AddOutline(IOPMLOutlines* outlines, const wchar_t* text) {
@@ -61,7 +44,7 @@ ComPtr<IOPMLOutline> AddOutline(IOPMLOutlines* outlines, const wchar_t* text) {
 
 ComPtr<IOPMLOutline> OutlineAt(IOPMLOutlines* outlines, LONG position) {
     ComPtr<IOPMLOutline> outline;
-    EXPECT_HR(S_OK, outlines->get_Item(Key(position), &outline));
+    EXPECT_HR(S_OK, outlines->get_Item(Arg(position), &outline));
     return outline;
 }
 
@@ -85,7 +68,7 @@ std::vector<std::pair<std::wstring, std::wstring>> AttributePairs(IOPMLOutline* 
     std::vector<std::pair<std::wstring, std::wstring>> pairs;
     for (LONG i = 1; i <= count; ++i) {
         ComPtr<IOPMLAttribute> attribute;
-        EXPECT_HR(S_OK, attributes->get_Item(Key(i), &attribute));
+        EXPECT_HR(S_OK, attributes->get_Item(Arg(i), &attribute));
         if (attribute)
             pairs.emplace_back(Str(attribute, &IOPMLAttribute::get_Name), Str(attribute, &IOPMLAttribute::get_Value));
     }

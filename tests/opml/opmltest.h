@@ -44,33 +44,32 @@ inline ComPtr<IOPMLOutlines> BodyOf(IOPMLDocument* d) { return Get(d, &IOPMLDocu
 inline ComPtr<IOPMLOutlines> SubItemsOf(IOPMLOutline* o) { return Get(o, &IOPMLOutline::get_SubItems); }
 inline ComPtr<IOPMLAttributes> AttributesOf(IOPMLOutline* o) { return Get(o, &IOPMLOutline::get_Attributes); }
 
-// Save into a stream; the bytes Save writes into a memory stream, where it
-// must answer `expected`.
-HRESULT SaveInto(IOPMLDocument* document, IStream* stream);
-std::string Saved(IOPMLDocument* document, HRESULT expected = S_OK);
-// Load from XML text in a BSTR, or from bytes in a memory stream that
-// stands at `position`.
-HRESULT LoadText(IOPMLDocument* document, const std::wstring& text);
-HRESULT LoadBytes(IOPMLDocument* document, const std::string& bytes, LONGLONG position = 0);
-
-// A lookup key for Item and Remove.
-struct Key : com::Variant {
-    Key() = default;
-    explicit Key(int position) {
+// A VARIANT argument: a position, a name or text, an object.
+struct Arg : com::Variant {
+    Arg() = default;
+    explicit Arg(int position) {
         V_VT(this) = VT_I4;
         V_I4(this) = position;
     }
-    explicit Key(const wchar_t* name) {
+    explicit Arg(const std::wstring& text) {
         V_VT(this) = VT_BSTR;
-        V_BSTR(this) = ::SysAllocString(name);
+        V_BSTR(this) = ::SysAllocStringLen(text.data(), static_cast<UINT>(text.size()));
     }
-    explicit Key(IDispatch* object) {
-        V_VT(this) = VT_DISPATCH;
-        V_DISPATCH(this) = object;
+    explicit Arg(IUnknown* object) : Arg(VT_UNKNOWN, object) {}
+    explicit Arg(IDispatch* object) : Arg(VT_DISPATCH, object) {}
+    Arg(VARTYPE type, IUnknown* object) {
+        V_VT(this) = type;
+        V_UNKNOWN(this) = object;
         if (object) object->AddRef();
     }
     operator VARIANT*() { return this; }
 };
+
+// The bytes Save writes into a memory stream, where it must answer `expected`.
+std::string Saved(IOPMLDocument* document, HRESULT expected = S_OK);
+// Load from bytes in a memory stream that stands at `position`.
+HRESULT LoadBytes(IOPMLDocument* document, const std::string& bytes, LONGLONG position = 0);
+inline HRESULT LoadText(IOPMLDocument* document, const std::wstring& text) { return document->Load(Arg(text)); }
 
 ComPtr<IOPMLOutline> AddOutline(IOPMLOutlines* outlines, const wchar_t* text = nullptr);
 ComPtr<IOPMLOutline> OutlineAt(IOPMLOutlines* outlines, LONG position);
@@ -78,9 +77,8 @@ LONG CountOf(IOPMLOutlines* outlines);
 void AddAttribute(IOPMLOutline* outline, const std::wstring& name, const std::wstring& value);
 
 // The attributes of an outline in collection order, as pairs and as
-// name="value" text; the outline tree
-// below a collection, one outline per line, indented by depth; the
-// expansion state as "1,2,3".
+// name="value" text; the outline tree below a collection, one outline per
+// line, indented by depth; the expansion state as "1,2,3".
 std::vector<std::pair<std::wstring, std::wstring>> AttributePairs(IOPMLOutline* outline);
 std::wstring AttributesText(IOPMLOutline* outline);
 std::wstring TreeText(IOPMLOutlines* outlines, int depth = 0);

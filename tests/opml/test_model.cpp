@@ -31,47 +31,44 @@ protected:
 TEST_F(Outlines, ItemFindsByPositionFromOneByTextAndByIdentity) {
     const std::string invalid = Hex(E_INVALIDARG), notFound = Hex(kElementNotFound);
     for (VARTYPE type : {VT_I2, VT_I4, VT_UI2, VT_UI4, VT_INT, VT_UINT}) {
-        Key key(3);
+        Arg key(3);
         V_VT(&key) = type;  // the low bytes hold the value for every width
         EXPECT_EQ("three", Find(&key)) << type;
     }
-    for (int position : {0, 4, -1}) EXPECT_EQ(invalid, Find(Key(position))) << position;
-    Key real;
+    for (int position : {0, 4, -1}) EXPECT_EQ(invalid, Find(Arg(position))) << position;
+    Arg real;
     V_VT(&real) = VT_R8;
     V_R8(&real) = 1.0;
     EXPECT_EQ(invalid, Find(&real));
 
-    EXPECT_EQ("two", Find(Key(L"two")));
-    EXPECT_EQ(notFound, Find(Key(L"Two")));  // exact comparison
-    EXPECT_EQ(notFound, Find(Key(L"")));
-    EXPECT_EQ("three", Find(Key(m_items[2].Get())));
-    Key unknown;
-    V_VT(&unknown) = VT_UNKNOWN;
-    ASSERT_HR(S_OK, m_items[0]->QueryInterface(IID_PPV_ARGS(&V_UNKNOWN(&unknown))));
-    EXPECT_EQ("one", Find(&unknown));
-    EXPECT_EQ(notFound, Find(Key(static_cast<IDispatch*>(nullptr))));
-    EXPECT_EQ(notFound, Find(Key(AddOutline(SubItemsOf(m_items[0].Get()).Get(), L"two").Get())));
+    EXPECT_EQ("two", Find(Arg(L"two")));
+    EXPECT_EQ(notFound, Find(Arg(L"Two")));  // exact comparison
+    EXPECT_EQ(notFound, Find(Arg(L"")));
+    EXPECT_EQ("three", Find(Arg(m_items[2].Get())));
+    EXPECT_EQ("one", Find(Arg(VT_UNKNOWN, m_items[0].Get())));
+    EXPECT_EQ(notFound, Find(Arg(static_cast<IDispatch*>(nullptr))));
+    EXPECT_EQ(notFound, Find(Arg(AddOutline(SubItemsOf(m_items[0].Get()).Get(), L"two").Get())));
 
     // Script hosts pass their variables by reference.
-    Key target(2);
-    Key byReference;
+    Arg target(2);
+    Arg byReference;
     V_VT(&byReference) = VT_VARIANT | VT_BYREF;
     V_VARIANTREF(&byReference) = &target;
     EXPECT_EQ("two", Find(&byReference));
 
     ComPtr<IOPMLOutline> found;
     EXPECT_HR(E_POINTER, m_body->get_Item(nullptr, &found));
-    EXPECT_HR(E_POINTER, m_body->get_Item(Key(1), nullptr));
+    EXPECT_HR(E_POINTER, m_body->get_Item(Arg(1), nullptr));
 }
 
 TEST_F(Outlines, RemoveClosesTheGapAndRefusesForeignOutlines) {
     ComPtr<IOPMLOutlines> nested = SubItemsOf(m_items[0].Get());
     ComPtr<IOPMLOutline> foreign = AddOutline(nested.Get(), L"two");
-    EXPECT_HR(kElementNotFound, m_body->Remove(Key(foreign.Get())));
-    EXPECT_HR(S_OK, m_body->Remove(Key(L"two")));  // the body's own "two", not the nested one
+    EXPECT_HR(kElementNotFound, m_body->Remove(Arg(foreign.Get())));
+    EXPECT_HR(S_OK, m_body->Remove(Arg(L"two")));  // the body's own "two", not the nested one
     EXPECT_EQ(L"text=\"one\"\n  text=\"two\"\ntext=\"three\"\n", TreeText(m_body.Get()));
-    EXPECT_HR(S_OK, m_body->Remove(Key(2)));
-    EXPECT_HR(E_INVALIDARG, m_body->Remove(Key(2)));
+    EXPECT_HR(S_OK, m_body->Remove(Arg(2)));
+    EXPECT_HR(E_INVALIDARG, m_body->Remove(Arg(2)));
     EXPECT_HR(E_POINTER, m_body->Remove(nullptr));
     // A removed outline lives on while its holder keeps it.
     EXPECT_EQ(L"text=\"three\"", AttributesText(m_items[2].Get()));
@@ -87,11 +84,11 @@ TEST(Attributes, AddNewLookupAndRemove) {
     ASSERT_HR(S_OK, attributes->AddNew(&fresh));
     AddAttribute(outline.Get(), L"a", L"1");
     EXPECT_EQ(L"=\"\" a=\"1\"", AttributesText(outline.Get()));
-    EXPECT_HR(S_OK, attributes->get_Item(Key(L"a"), &found));
+    EXPECT_HR(S_OK, attributes->get_Item(Arg(L"a"), &found));
     EXPECT_EQ(L"1", Str(found, &IOPMLAttribute::get_Value));
-    EXPECT_HR(kElementNotFound, attributes->get_Item(Key(L"missing"), &found));
-    EXPECT_HR(S_OK, attributes->Remove(Key(fresh.Get())));
-    EXPECT_HR(kElementNotFound, attributes->Remove(Key(fresh.Get())));
+    EXPECT_HR(kElementNotFound, attributes->get_Item(Arg(L"missing"), &found));
+    EXPECT_HR(S_OK, attributes->Remove(Arg(fresh.Get())));
+    EXPECT_HR(kElementNotFound, attributes->Remove(Arg(fresh.Get())));
     EXPECT_EQ(L"a=\"1\"", AttributesText(outline.Get()));
 }
 

@@ -119,13 +119,13 @@ TEST(Writer, AShortOrFailingWriteEndsTheSaveAndKeepsWhatWasWritten) {
     for (bool fail : {false, true}) {
         for (size_t capacity : {size_t{0}, size_t{10}, kDeclaration.size(), full.size() - 1}) {
             LimitedStream stream(capacity, fail);
-            EXPECT_HR(E_FAIL, SaveInto(document.Get(), &stream)) << capacity;
+            EXPECT_HR(E_FAIL, document->Save(Arg(&stream))) << capacity;
             EXPECT_EQ(full.substr(0, fail ? stream.bytes.size() : capacity), stream.bytes);
             EXPECT_EQ(0, stream.writesAfterRefusal);
         }
     }
     LimitedStream roomy(full.size(), false);
-    EXPECT_HR(S_OK, SaveInto(document.Get(), &roomy));
+    EXPECT_HR(S_OK, document->Save(Arg(&roomy)));
     EXPECT_EQ(full, roomy.bytes);
 }
 
@@ -134,16 +134,10 @@ TEST(Writer, SavesOnlyIntoAStreamGivenAsUnknown) {
     EXPECT_HR(E_POINTER, document->Save(nullptr));
     ComPtr<IStream> stream;
     ASSERT_HR(S_OK, ::CreateStreamOnHGlobal(nullptr, TRUE, &stream));
-    VARIANT target;
-    V_VT(&target) = VT_DISPATCH;  // the same stream, but not as VT_UNKNOWN
-    V_DISPATCH(&target) = reinterpret_cast<IDispatch*>(stream.Get());
-    EXPECT_HR(E_INVALIDARG, document->Save(&target));
-    V_VT(&target) = VT_UNKNOWN;
-    V_UNKNOWN(&target) = document.Get();  // an object that is no stream
-    EXPECT_HR(E_INVALIDARG, document->Save(&target));
-    V_UNKNOWN(&target) = nullptr;
-    EXPECT_HR(E_INVALIDARG, document->Save(&target));
-    EXPECT_HR(E_INVALIDARG, document->Save(Key(L"C:\\out.opml")));
+    EXPECT_HR(E_INVALIDARG, document->Save(Arg(VT_DISPATCH, stream.Get())));   // a stream, but not as VT_UNKNOWN
+    EXPECT_HR(E_INVALIDARG, document->Save(Arg(VT_UNKNOWN, document.Get())));  // no stream
+    EXPECT_HR(E_INVALIDARG, document->Save(Arg(VT_UNKNOWN, nullptr)));
+    EXPECT_HR(E_INVALIDARG, document->Save(Arg(L"C:\\out.opml")));
 }
 
 TEST(Writer, ADateWithoutTextFormFailsTheSave) {
