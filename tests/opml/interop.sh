@@ -23,7 +23,7 @@ OPML_SAMPLES_DIR="Z:$(echo "$samples" | sed 's#/#\\#g')" "$here/../../cmake/wine
 count=0
 for file in "$samples"/*.opml; do
   xmllint --noout "$file"
-  NODE_PATH="$npm_dir/node_modules" node "$here/check_opml.js" "$file" "${file%.opml}.json"
+  NODE_PATH="$npm_dir/node_modules" node "$here/check_opml.js" "$file" "${file%.opml}.txt"
   count=$((count + 1))
 done
 [ "$count" -ge 3 ] || { echo "expected at least 3 samples, found $count"; exit 1; }

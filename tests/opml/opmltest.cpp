@@ -61,24 +61,18 @@ void AddAttribute(IOPMLOutline* outline, const std::wstring& name, const std::ws
     EXPECT_HR(S_OK, attribute->put_Value(com::Bstr(value.data(), static_cast<UINT>(value.size()))));
 }
 
-std::vector<std::pair<std::wstring, std::wstring>> AttributePairs(IOPMLOutline* outline) {
+std::wstring AttributesText(IOPMLOutline* outline) {
     ComPtr<IOPMLAttributes> attributes = AttributesOf(outline);
     LONG count = 0;
     EXPECT_HR(S_OK, attributes->get_Count(&count));
-    std::vector<std::pair<std::wstring, std::wstring>> pairs;
+    std::wstring text;
     for (LONG i = 1; i <= count; ++i) {
         ComPtr<IOPMLAttribute> attribute;
         EXPECT_HR(S_OK, attributes->get_Item(Arg(i), &attribute));
-        if (attribute)
-            pairs.emplace_back(Str(attribute, &IOPMLAttribute::get_Name), Str(attribute, &IOPMLAttribute::get_Value));
+        if (!attribute) break;
+        text += (i > 1 ? L" " : L"") + Str(attribute, &IOPMLAttribute::get_Name) + L"=\"" +
+                Str(attribute, &IOPMLAttribute::get_Value) + L"\"";
     }
-    return pairs;
-}
-
-std::wstring AttributesText(IOPMLOutline* outline) {
-    std::wstring text;
-    for (const auto& [name, value] : AttributePairs(outline))
-        text += (text.empty() ? L"" : L" ") + name + L"=\"" + value + L"\"";
     return text;
 }
 

@@ -7,8 +7,6 @@
 #include <wrl/client.h>
 
 #include <string>
-#include <utility>
-#include <vector>
 
 #include "com/raii.h"
 #include "kytest.h"
@@ -76,10 +74,9 @@ ComPtr<IOPMLOutline> OutlineAt(IOPMLOutlines* outlines, LONG position);
 LONG CountOf(IOPMLOutlines* outlines);
 void AddAttribute(IOPMLOutline* outline, const std::wstring& name, const std::wstring& value);
 
-// The attributes of an outline in collection order, as pairs and as
-// name="value" text; the outline tree below a collection, one outline per
-// line, indented by depth; the expansion state as "1,2,3".
-std::vector<std::pair<std::wstring, std::wstring>> AttributePairs(IOPMLOutline* outline);
+// The attributes of an outline in collection order as name="value" text;
+// the outline tree below a collection, one outline per line, indented by
+// depth; the expansion state as "1,2,3".
 std::wstring AttributesText(IOPMLOutline* outline);
 std::wstring TreeText(IOPMLOutlines* outlines, int depth = 0);
 std::wstring ExpansionText(IOPMLDocument* document);

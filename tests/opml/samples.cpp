@@ -1,5 +1,5 @@
 // Writes OPML documents for independent parsers to read: each <name>.opml
-// with a <name>.json that describes what the document holds, into the
+// with a <name>.txt that describes what the document holds, into the
 // folder named by OPML_SAMPLES_DIR. interop.sh then checks them.
 #include <fstream>
 
@@ -8,54 +8,24 @@
 namespace ky::test::opml {
 namespace {
 
-// A JSON string: UTF-8 with quotes, backslashes and control characters escaped.
-std::string Json(const std::wstring& text) {
-    std::string out = "\"";
-    for (char c : Narrow(text)) {
-        if (c == '"' || c == '\\') out += '\\';
-        if (static_cast<unsigned char>(c) >= 0x20) {
-            out += c;
-            continue;
-        }
-        char escaped[8];
-        std::snprintf(escaped, sizeof escaped, "\\u%04x", c);
-        out += escaped;
-    }
-    return out + "\"";
-}
-
-std::string OutlinesJson(IOPMLOutlines* outlines) {
-    std::string json;
-    for (LONG i = 1; i <= CountOf(outlines); ++i) {
-        ComPtr<IOPMLOutline> outline = OutlineAt(outlines, i);
-        std::string pairs;
-        for (const auto& [name, value] : AttributePairs(outline.Get())) {
-            pairs += (pairs.empty() ? "[" : ",[") + Json(name) + "," + Json(value) + "]";
-        }
-        json += (i > 1 ? ",{\"attributes\":[" : "{\"attributes\":[") + pairs +
-                "],\"children\":" + OutlinesJson(SubItemsOf(outline.Get()).Get()) + "}";
-    }
-    return "[" + json + "]";
-}
-
-// What the document holds, in the terms an OPML reader reports it: the
-// header's text fields that are written, and the outline tree. (Numbers and
-// dates are checked byte for byte by the writer and round-trip tests.)
-std::string DocumentJson(IOPMLDocument* document) {
+// What the document holds, as an OPML reader reports it: a line with the
+// header's non-empty text fields, then the outline tree. Numbers and dates
+// are checked byte for byte by the writer and round-trip tests.
+std::string Description(IOPMLDocument* document) {
     ComPtr<IOPMLHeader> header = HeaderOf(document);
-    std::string head;
+    std::wstring head;
     for (auto field :
-         {std::make_pair("title", &IOPMLHeader::get_Title), std::make_pair("ownerName", &IOPMLHeader::get_OwnerName),
-          std::make_pair("ownerEmail", &IOPMLHeader::get_OwnerEmail)}) {
+         {std::make_pair(L"title", &IOPMLHeader::get_Title), std::make_pair(L"ownerName", &IOPMLHeader::get_OwnerName),
+          std::make_pair(L"ownerEmail", &IOPMLHeader::get_OwnerEmail)}) {
         const std::wstring value = Str(header, field.second);
-        if (!value.empty()) head += (head.empty() ? "\"" : ",\"") + std::string(field.first) + "\":" + Json(value);
+        if (!value.empty()) head += (head.empty() ? L"" : L" ") + std::wstring(field.first) + L"=\"" + value + L"\"";
     }
-    return "{\"head\":{" + head + "},\"outlines\":" + OutlinesJson(BodyOf(document).Get()) + "}\n";
+    return Narrow(head + L"\n" + TreeText(BodyOf(document).Get()));
 }
 
 void WriteSample(const std::string& folder, const char* name, IOPMLDocument* document) {
     std::ofstream(folder + "\\" + name + ".opml", std::ios::binary) << Saved(document);
-    std::ofstream(folder + "\\" + name + ".json", std::ios::binary) << DocumentJson(document);
+    std::ofstream(folder + "\\" + name + ".txt", std::ios::binary) << Description(document);
 }
 
 TEST(Samples, WriteDocumentsForOtherParsers) {
