@@ -54,17 +54,14 @@ TEST(Dates, LocalDatesAreWrittenInUniversalTimeAndReadBack) {
         const std::string text = newYork ? c.newYork : c.kolkata;
         ComPtr<IOPMLDocument> original = NewDocument();
         EXPECT_HR(S_OK, HeaderOf(original.Get())->put_DateCreated(c.local));
-        EXPECT_HR(S_OK, HeaderOf(original.Get())->put_DateModified(c.local + 1));
         const std::string saved = Saved(original.Get());
         EXPECT_NE(std::string::npos, saved.find("<dateCreated>" + text + "</dateCreated>")) << saved;
 
-        ComPtr<IOPMLDocument> copy = NewDocument();
+        ComPtr<IOPMLDocument> copy = NewDocument();  // read back to the second
         ASSERT_HR(S_OK, LoadBytes(copy.Get(), saved));
-        DATE created = 0, modified = 0;
+        DATE created = 0;
         EXPECT_HR(S_OK, HeaderOf(copy.Get())->get_DateCreated(&created));
-        EXPECT_HR(S_OK, HeaderOf(copy.Get())->get_DateModified(&modified));
         EXPECT_NEAR(static_cast<long long>(c.local * 86400.0 + 1e-3), created * 86400.0, 1e-3) << text;
-        EXPECT_NEAR(static_cast<long long>((c.local + 1) * 86400.0 + 1e-3), modified * 86400.0, 1e-3) << text;
         EXPECT_EQ(saved, Saved(copy.Get()));
     }
 }
