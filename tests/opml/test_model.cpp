@@ -17,10 +17,12 @@ protected:
     }
     // The outline found for `key`, or the failure.
     std::string Find(VARIANT* key) {
-        ComPtr<IOPMLOutline> found = m_items[0];
+        IOPMLOutline* found = m_items[0].Get();  // not owned; a failure must clear it
         HRESULT hr = m_body->get_Item(key, &found);
         if (FAILED(hr)) return Hex(hr) + (found ? " (not cleared)" : "");
-        return Narrow(Str(found, &IOPMLOutline::get_Text));
+        const std::string text = Narrow(Str(found, &IOPMLOutline::get_Text));
+        found->Release();
+        return text;
     }
 
     ComPtr<IOPMLDocument> m_document = NewDocument();
