@@ -15,9 +15,6 @@ namespace ky::test::opml {
 
 using Microsoft::WRL::ComPtr;
 
-// "Element was not found." (E_KY_ELEMENTNOTFOUND).
-constexpr HRESULT kElementNotFound = static_cast<HRESULT>(0x80041021);
-
 // An object or a string that a property getter hands out.
 template <class I, class T>
 ComPtr<I> Get(T* object, HRESULT (STDMETHODCALLTYPE T::*get)(I**)) {

@@ -10,6 +10,9 @@
 namespace ky::test::opml {
 namespace {
 
+// "Element was not found." (E_KY_ELEMENTNOTFOUND).
+constexpr HRESULT kElementNotFound = static_cast<HRESULT>(0x80041021);
+
 class Outlines : public ::testing::Test {
 protected:
     void SetUp() override {
