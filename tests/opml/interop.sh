@@ -5,10 +5,7 @@
 # back with the same outline tree.
 #   interop.sh <wine prefix> <opml_samples.exe> <work folder> <this folder>
 set -e
-prefix=$1
-program=$2
-work=$3
-here=$4
+prefix=$1 program=$2 work=$3 here=$4
 
 # The npm package, installed from the lock file into the build tree once.
 npm_dir="$work/npm"
@@ -20,14 +17,13 @@ if ! cmp -s "$here/package-lock.json" "$npm_dir/node_modules/.installed-lock.jso
 fi
 
 samples="$work/samples"
-rm -rf "$samples"
-mkdir -p "$samples"
-OPML_SAMPLES_DIR="Z:$(echo "$samples" | sed 's#/#\\#g')" "$(dirname "$0")/../../cmake/wine-run.sh" "$prefix" "$program"
+rm -rf "$samples" && mkdir -p "$samples"
+OPML_SAMPLES_DIR="Z:$(echo "$samples" | sed 's#/#\\#g')" "$here/../../cmake/wine-run.sh" "$prefix" "$program"
 
 count=0
 for file in "$samples"/*.opml; do
   xmllint --noout "$file"
-  NODE_PATH="$npm_dir/node_modules" node "$here/check_opml.js" "$file" "${file%.opml}.json"
+  NODE_PATH="$npm_dir/node_modules" node "$here/check_opml.js" "$file" "${file%.opml}.txt"
   count=$((count + 1))
 done
 [ "$count" -ge 3 ] || { echo "expected at least 3 samples, found $count"; exit 1; }

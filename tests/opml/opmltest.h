@@ -8,58 +8,75 @@
 
 #include <string>
 
+#include "com/raii.h"
 #include "kytest.h"
 
 namespace ky::test::opml {
 
 using Microsoft::WRL::ComPtr;
 
-// "Element was not found." (E_KY_ELEMENTNOTFOUND).
-constexpr HRESULT kElementNotFound = static_cast<HRESULT>(0x80041021);
+// An object or a string that a property getter hands out.
+template <class I, class T>
+ComPtr<I> Get(T* object, HRESULT (STDMETHODCALLTYPE T::*get)(I**)) {
+    ComPtr<I> result;
+    EXPECT_HR(S_OK, (object->*get)(&result));
+    return result;
+}
+template <class T>
+std::wstring Str(T* object, HRESULT (STDMETHODCALLTYPE T::*get)(BSTR*)) {
+    com::Bstr value;
+    EXPECT_HR(S_OK, (object->*get)(value.Out()));
+    return std::wstring(value.Get() ? value.Get() : L"", value.Length());
+}
+template <class T, class Getter>
+std::wstring Str(const ComPtr<T>& object, Getter get) {
+    return Str(object.Get(), get);
+}
 
-// A new OPMLDocument, created as a client would (from an MTA thread).
 ComPtr<IOPMLDocument> NewDocument();
-ComPtr<IOPMLHeader> HeaderOf(IOPMLDocument* document);
-ComPtr<IOPMLOutlines> BodyOf(IOPMLDocument* document);
+inline ComPtr<IOPMLHeader> HeaderOf(IOPMLDocument* d) { return Get(d, &IOPMLDocument::get_Header); }
+inline ComPtr<IOPMLOutlines> BodyOf(IOPMLDocument* d) { return Get(d, &IOPMLDocument::get_Body); }
+inline ComPtr<IOPMLOutlines> SubItemsOf(IOPMLOutline* o) { return Get(o, &IOPMLOutline::get_SubItems); }
+inline ComPtr<IOPMLAttributes> AttributesOf(IOPMLOutline* o) { return Get(o, &IOPMLOutline::get_Attributes); }
 
-// Save into a memory stream; the bytes written.
-HRESULT SaveTo(IOPMLDocument* document, std::string* bytes);
-std::string Saved(IOPMLDocument* document);
-// Load from XML text in a BSTR, or from bytes in a memory stream.
-HRESULT LoadText(IOPMLDocument* document, const std::wstring& text);
-HRESULT LoadBytes(IOPMLDocument* document, const std::string& bytes);
-// Load from bytes in a VT_ARRAY | VT_UI1.
-HRESULT LoadArray(IOPMLDocument* document, const std::string& bytes);
-// UTF-16 bytes with a byte order mark.
-std::string Utf16Bytes(const std::wstring& text);
+// A VARIANT argument: a position, a name or text, an object.
+struct Arg : com::Variant {
+    Arg() = default;
+    explicit Arg(int position) {
+        V_VT(this) = VT_I4;
+        V_I4(this) = position;
+    }
+    explicit Arg(const std::wstring& text) {
+        V_VT(this) = VT_BSTR;
+        V_BSTR(this) = ::SysAllocStringLen(text.data(), static_cast<UINT>(text.size()));
+    }
+    explicit Arg(IUnknown* object) : Arg(VT_UNKNOWN, object) {}
+    explicit Arg(IDispatch* object) : Arg(VT_DISPATCH, object) {}
+    Arg(VARTYPE type, IUnknown* object) {
+        V_VT(this) = type;
+        V_UNKNOWN(this) = object;
+        if (object) object->AddRef();
+    }
+    operator VARIANT*() { return this; }
+};
 
-// VARIANT keys for Item and Remove. The caller clears a name key.
-VARIANT Position(LONG position);
-VARIANT Name(const wchar_t* name);
+// The bytes Save writes into a memory stream, where it must answer `expected`.
+std::string Saved(IOPMLDocument* document, HRESULT expected = S_OK);
+// Load from bytes in a memory stream that stands at `position`.
+HRESULT LoadBytes(IOPMLDocument* document, const std::string& bytes, LONGLONG position = 0);
+inline HRESULT LoadText(IOPMLDocument* document, const std::wstring& text) { return document->Load(Arg(text)); }
 
 ComPtr<IOPMLOutline> AddOutline(IOPMLOutlines* outlines, const wchar_t* text = nullptr);
 ComPtr<IOPMLOutline> OutlineAt(IOPMLOutlines* outlines, LONG position);
 LONG CountOf(IOPMLOutlines* outlines);
-ComPtr<IOPMLOutlines> SubItemsOf(IOPMLOutline* outline);
-ComPtr<IOPMLAttributes> AttributesOf(IOPMLOutline* outline);
-// Appends an attribute through the collection (AddNew, Name, Value).
 void AddAttribute(IOPMLOutline* outline, const std::wstring& name, const std::wstring& value);
 
-// name="value" pairs of an outline in collection order, and the outline
-// tree below a collection, one outline per line, indented by depth.
+// The attributes of an outline in collection order as name="value" text;
+// the outline tree below a collection, one outline per line, indented by
+// depth; the expansion state as "1,2,3".
 std::wstring AttributesText(IOPMLOutline* outline);
 std::wstring TreeText(IOPMLOutlines* outlines, int depth = 0);
-
-// A string of a BSTR out-parameter call, for one-line reads.
-template <class Get>
-std::wstring Text(Get get) {
-    BSTR value = nullptr;
-    HRESULT hr = get(&value);
-    EXPECT_HR(S_OK, hr);
-    std::wstring text = value ? std::wstring(value, ::SysStringLen(value)) : std::wstring();
-    ::SysFreeString(value);
-    return text;
-}
+std::wstring ExpansionText(IOPMLDocument* document);
 
 // A generated document: a header with every field, and `outlines` outlines
 // spread over `depth` levels, with many attributes, text in several scripts
