@@ -29,10 +29,6 @@ std::wstring TempPath() {
 
 bool Exists(const std::wstring& path) { return ::GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES; }
 
-void MakeFile(const std::wstring& path, DWORD attributes = 0) {
-    ::CloseHandle(::CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW, attributes, nullptr));
-}
-
 // Entries of a folder, the marker left out.
 std::set<std::wstring> FilesIn(const std::wstring& folder) {
     std::set<std::wstring> names;
@@ -88,29 +84,11 @@ TEST_F(FileSystem, TheApplicationsFoldersFollowTheSettingsAndTheShell) {
     EXPECT_EQ(ShellPath(CSIDL_PERSONAL), Folder(&IKyFileSystem::GetDocumentsFolder));
 }
 
-TEST_F(FileSystem, CreateDirectoryPathMakesMissingParentsAndTellsAnExistingOne) {
-    const std::wstring base = TemporaryFolder() + L"made";
-    const std::wstring deep = base + L"\\a\\b\\c";
-    EXPECT_HR(S_OK, m_files->CreateDirectoryPath(deep.c_str()));
-    EXPECT_TRUE(Exists(deep));
-    EXPECT_HR(S_FALSE, m_files->CreateDirectoryPath(deep.c_str()));
-    // A file in the way, and a relative path: the system's errors.
-    MakeFile(base + L"\\file");
-    for (const std::wstring& bad : {base + L"\\file\\below", std::wstring(L"relative\\path")}) {
-        HRESULT hr = m_files->CreateDirectoryPath(bad.c_str());
-        EXPECT_TRUE(FAILED(hr) && HRESULT_FACILITY(hr) == FACILITY_WIN32) << Hex(hr);
-    }
-    EXPECT_HR(E_INVALIDARG, m_files->CreateDirectoryPath(nullptr));
-    EXPECT_HR(S_OK, m_files->RemoveTemporaryFolder());
-}
-
 TEST_F(FileSystem, TheTemporaryFolderIsThisProcesssAndHoldsNewUniqueFiles) {
     // <temp>\KyUtils-{GUID}\, the same for every helper of the process.
     const std::wstring folder = TemporaryFolder();
     const std::wstring prefix = TempPath() + tempfolder::kTempFolderPrefix;
     ASSERT_EQ(prefix, folder.substr(0, prefix.size()));
-    GUID guid;
-    EXPECT_HR(S_OK, ::CLSIDFromString(folder.substr(prefix.size(), 38).c_str(), &guid));
     EXPECT_EQ(prefix.size() + 39, folder.size());
     ComPtr<IKyFileSystem> other;
     com::Bstr again;
@@ -124,33 +102,38 @@ TEST_F(FileSystem, TheTemporaryFolderIsThisProcesssAndHoldsNewUniqueFiles) {
 
     // Each name is a new empty file there; an extension, given with or
     // without its dot, replaces the system's.
-    std::wstring a, b, xml, dotted;
-    ASSERT_HR(S_OK, NewFile(L"", &a));
-    ASSERT_HR(S_OK, NewFile(L"", &b));
-    ASSERT_HR(S_OK, NewFile(L"xml", &xml));
-    ASSERT_HR(S_OK, NewFile(L".cfg.bak", &dotted));
-    EXPECT_NE(a, b);
-    EXPECT_EQ(L".xml", xml.substr(xml.size() - 4));
-    EXPECT_EQ(L".cfg.bak", dotted.substr(dotted.size() - 8));
-    std::set<std::wstring> expected;
-    for (const auto& path : {a, b, xml, dotted}) expected.insert(path.substr(folder.size()));
-    EXPECT_EQ(expected, FilesIn(folder));  // nothing else reserved on the way
-
-    for (const wchar_t* bad : {L".", L"a\\b", L"x:y", L"q?", L"t."}) EXPECT_HR(E_INVALIDARG, NewFile(bad)) << Narrow(bad);
+    std::set<std::wstring> made;
+    for (const wchar_t* extension : {L"", L"", L"xml", L".cfg.bak"}) {
+        std::wstring path;
+        ASSERT_HR(S_OK, NewFile(extension, &path));
+        const std::wstring end = *extension == L'.' ? extension : *extension ? std::wstring(L".") + extension : L".tmp";
+        EXPECT_EQ(end, path.substr(path.size() - end.size()));
+        made.insert(path.substr(folder.size()));
+    }
+    EXPECT_EQ(4u, made.size());
+    EXPECT_EQ(made, FilesIn(folder));  // nothing else reserved on the way
+    for (const wchar_t* bad : {L".", L"a\\b", L"x:y", L"q?", L"t."})
+        EXPECT_HR(E_INVALIDARG, NewFile(bad)) << Narrow(bad);
     // A name that would not fit MAX_PATH is refused and leaves nothing.
     // (The system's names are "ky", up to four hexadecimal digits, ".tmp".)
     EXPECT_HR(E_INVALIDARG, NewFile(std::wstring(MAX_PATH - folder.size() - 4, L'e')));
-    EXPECT_EQ(expected, FilesIn(folder));
+    EXPECT_EQ(made, FilesIn(folder));
     EXPECT_HR(S_OK, NewFile(std::wstring(MAX_PATH - folder.size() - 12, L'e')));
     EXPECT_HR(E_POINTER, m_files->CreateTemporaryFileName(nullptr, nullptr));
 }
 
-TEST_F(FileSystem, TheOwnerRemovesItsFolderUnlessAFileIsInUse) {
-    const std::wstring folder = TemporaryFolder();
+TEST_F(FileSystem, TheOwnerRemovesItsFolderAndDirectoriesUnlessAFileIsInUse) {
+    const std::wstring folder = TemporaryFolder(), deep = folder + L"made\\a\\b";
+    EXPECT_HR(S_OK, m_files->CreateDirectoryPath(deep.c_str()));  // with its parents
+    EXPECT_HR(S_FALSE, m_files->CreateDirectoryPath(deep.c_str()));
+    EXPECT_HR(E_INVALIDARG, m_files->CreateDirectoryPath(nullptr));
     std::wstring busy;
     ASSERT_HR(S_OK, NewFile(L"busy", &busy));
-    ASSERT_HR(S_OK, NewFile(L""));
-    ASSERT_HR(S_OK, m_files->CreateDirectoryPath((folder + L"sub\\deeper").c_str()));
+    // A file in the way, and a relative path: the system's errors.
+    for (const std::wstring& bad : {busy + L"\\below", std::wstring(L"relative\\path")}) {
+        HRESULT hr = m_files->CreateDirectoryPath(bad.c_str());
+        EXPECT_TRUE(FAILED(hr) && HRESULT_FACILITY(hr) == FACILITY_WIN32) << Hex(hr);
+    }
     com::Handle open(::CreateFileW(busy.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr));
     EXPECT_TRUE(FAILED(m_files->RemoveTemporaryFolder()));
     // What could go went; the folder stays, still owned.
@@ -168,22 +151,22 @@ TEST_F(FileSystem, TheOwnerRemovesItsFolderUnlessAFileIsInUse) {
 }
 
 TEST_F(FileSystem, ACleanerRemovesFoldersThatNoLiveProcessOwns) {
-    // What a process that died leaves: a folder whose marker nobody holds.
+    // What a process that died leaves: a folder whose marker nobody holds,
+    // or none at all.
     GUID guid;
     wchar_t text[40];
     ::CoCreateGuid(&guid);
     ::StringFromGUID2(guid, text, 40);
     const std::wstring dead = TempPath() + tempfolder::kTempFolderPrefix + text;
-    ASSERT_TRUE(::CreateDirectoryW(dead.c_str(), nullptr));
-    ASSERT_TRUE(::CreateDirectoryW((dead + L"\\sub").c_str(), nullptr));
-    for (const wchar_t* name : {tempfolder::kOwnerMarkerName, L"ky1.tmp", L"sub\\ky2.tmp"})
-        MakeFile(dead + L"\\" + name, FILE_ATTRIBUTE_READONLY);
-    EXPECT_HR(S_OK, tempfolder::RemoveFolderIfAbandoned(dead.c_str()));
-    EXPECT_FALSE(Exists(dead));
-    // One without a marker at all is nobody's either.
-    ASSERT_TRUE(::CreateDirectoryW(dead.c_str(), nullptr));
-    EXPECT_HR(S_OK, tempfolder::RemoveFolderIfAbandoned((dead + L"\\").c_str()));
-    EXPECT_FALSE(Exists(dead));
+    for (bool marked : {true, false}) {
+        ASSERT_TRUE(::CreateDirectoryW(dead.c_str(), nullptr) &&
+                    ::CreateDirectoryW((dead + L"\\sub").c_str(), nullptr));
+        for (const wchar_t* name : {marked ? tempfolder::kOwnerMarkerName : L"ky0.tmp", L"ky1.tmp", L"sub\\ky2.tmp"})
+            ::CloseHandle(::CreateFileW((dead + L"\\" + name).c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW,
+                                        FILE_ATTRIBUTE_READONLY, nullptr));
+        EXPECT_HR(S_OK, tempfolder::RemoveFolderIfAbandoned((marked ? dead : dead + L"\\").c_str()));
+        EXPECT_FALSE(Exists(dead));
+    }
     EXPECT_TRUE(FAILED(tempfolder::RemoveFolderIfAbandoned(dead.c_str())));
 }
 

@@ -5,7 +5,7 @@
 //   hold-stream <file> <stream> <ready event> <release event>
 //       acquires a stream, says ready, releases it when told; writes nothing
 //   worker <file> <id> <iterations, 0: until killed> [<started event>]
-//       acquires, checks, rewrites and releases elements of the file; the
+//       acquires, checks, rewrites and releases streams of the file; the
 //       exit code holds its failed acquisitions, 0x10000 for a torn read and
 //       0x20000 for any other error
 #include <cstdio>
@@ -25,7 +25,8 @@ int HoldLock(const std::wstring& file, const std::wstring& ready, const std::wst
     wchar_t user[257];
     DWORD size = 257;
     ::GetUserNameW(user, &size);
-    const std::wstring name = std::wstring(L"Global\\") + user + ky::sharedfile::PathHashDigits(file.data(), file.size());
+    const std::wstring name =
+        std::wstring(L"Global\\") + user + ky::sharedfile::PathHashDigits(file.data(), file.size());
     com::Handle mutex(::CreateMutexW(nullptr, FALSE, name.c_str()));
     if (!mutex || ::WaitForSingleObject(mutex.Get(), INFINITE) == WAIT_FAILED) return 2;
     SignalEvent(ready);
@@ -48,28 +49,14 @@ int Worker(const std::wstring& file, unsigned id, unsigned iterations, const std
     unsigned seed = id * 7919u + ::GetTickCount(), failures = 0;
     bool torn = false, errors = !manager.Ok();
     for (unsigned round = 0; manager.Ok() && (iterations == 0 || round < iterations); ++round) {
-        // Shared streams, a stream of its own, shared storages.
+        // Mostly the shared streams, sometimes one of its own.
         seed = seed * 1103515245u + 12345u;
-        const unsigned pick = (seed >> 16) % 10;
-        const std::wstring name = pick < 6 ? L"s" + std::to_wstring(pick % 3)
-                                  : pick < 8 ? L"w" + std::to_wstring(id)
-                                             : L"g" + std::to_wstring(pick % 2);
-        const std::string record = records::Make(id, round);
-        records::Kind kind = records::Kind::Empty;
-        HRESULT hr, written = S_OK;
-        if (pick < 8) {
-            ComPtr<IStream> stream;
-            if (SUCCEEDED(hr = manager.Stream(file, name, &stream))) {
-                kind = records::Check(ReadStream(stream.Get()));
-                written = ReplaceStream(stream.Get(), record);
-            }
-        } else {
-            ComPtr<IStorage> storage;
-            if (SUCCEEDED(hr = manager.Storage(file, name, &storage))) {
-                kind = records::Check(storage.Get());
-                written = records::Write(storage.Get(), record);
-            }
-        }
+        const unsigned pick = (seed >> 16) % 4;
+        ComPtr<IStream> stream;
+        const HRESULT hr =
+            manager.Stream(file, pick < 3 ? L"s" + std::to_wstring(pick) : L"w" + std::to_wstring(id), &stream);
+        const records::Kind kind = SUCCEEDED(hr) ? records::Check(ReadStream(stream.Get())) : records::Kind::Empty;
+        const HRESULT written = SUCCEEDED(hr) ? ReplaceStream(stream.Get(), records::Make(id, round)) : S_OK;
         failures += hr == E_FAIL;
         torn = torn || kind == records::Kind::Torn;
         if ((FAILED(hr) && hr != E_FAIL) || FAILED(written)) {

@@ -1,12 +1,11 @@
 #include "sharedtest.h"
 
+#include <shellapi.h>
+
 #include <atomic>
 #include <cstdio>
 #include <cstring>
 #include <map>
-#include <vector>
-
-#include <shellapi.h>
 
 using Microsoft::WRL::ComPtr;
 
@@ -15,12 +14,6 @@ namespace ky::test {
 namespace {
 
 constexpr DWORD kRead = STGM_READ | STGM_SHARE_EXCLUSIVE;
-
-std::uint32_t GetU32(const std::string& in, size_t at) {
-    std::uint32_t value = 0;
-    for (int i = 3; i >= 0; --i) value = (value << 8) | static_cast<unsigned char>(in[at + i]);
-    return value;
-}
 
 std::wstring UniqueSuffix() {
     static std::atomic<int> counter{0};
@@ -40,8 +33,9 @@ bool ForEachElement(IStorage* storage, Visit visit) {
         com::TaskMem<wchar_t> name(stat.pwcsName);
         ComPtr<IStream> stream;
         ComPtr<IStorage> child;
-        HRESULT hr = stat.type == STGTY_STORAGE ? storage->OpenStorage(stat.pwcsName, nullptr, kRead, nullptr, 0, &child)
-                                                : storage->OpenStream(stat.pwcsName, nullptr, kRead, 0, &stream);
+        HRESULT hr = stat.type == STGTY_STORAGE
+                         ? storage->OpenStorage(stat.pwcsName, nullptr, kRead, nullptr, 0, &child)
+                         : storage->OpenStream(stat.pwcsName, nullptr, kRead, 0, &stream);
         if (SUCCEEDED(hr)) visit(std::wstring(stat.pwcsName), stream.Get(), child.Get());
         readable = readable && SUCCEEDED(hr);
     }
@@ -52,40 +46,19 @@ bool ForEachElement(IStorage* storage, Visit visit) {
 
 namespace records {
 
+// Both targets are little-endian.
 std::string Make(std::uint32_t writer, std::uint32_t sequence) {
-    const std::uint32_t length = 40 + (writer * 977u + sequence * 131u) % 6000u;
-    std::string record = "KYR1";
-    for (std::uint32_t value : {writer, sequence, length})
-        for (int i = 0; i < 4; ++i) record.push_back(static_cast<char>((value >> (8 * i)) & 0xFF));
-    for (std::uint32_t i = 0; i < length; ++i)
-        record.push_back(static_cast<char>((writer * 31u + sequence * 7u + i) & 0xFF));
+    const std::uint32_t header[] = {writer, sequence, 40 + (writer * 977u + sequence * 131u) % 6000u};
+    std::string record = "KYR1" + std::string(reinterpret_cast<const char*>(header), sizeof header);
+    for (std::uint32_t i = 0; i < header[2]; ++i) record.push_back(static_cast<char>(writer * 31u + sequence * 7u + i));
     return record;
 }
 
 Kind Check(const std::string& bytes) {
+    std::uint32_t header[2] = {};
     if (bytes.empty()) return Kind::Empty;
-    if (bytes.size() < 16 || bytes.compare(0, 4, "KYR1") != 0) return Kind::Torn;
-    return bytes == Make(GetU32(bytes, 4), GetU32(bytes, 8)) ? Kind::Valid : Kind::Torn;
-}
-
-Kind Check(IStorage* storage) {
-    std::map<std::wstring, std::string> streams;
-    bool readable = ForEachElement(storage, [&](const std::wstring& name, IStream* stream, IStorage*) {
-        streams[name] = stream ? ReadStream(stream) : "<storage>";
-    });
-    if (readable && streams.empty()) return Kind::Empty;
-    if (!readable || streams.size() != 2 || streams[L"record"] != streams[L"copy"]) return Kind::Torn;
-    return Check(streams[L"record"]) == Kind::Valid ? Kind::Valid : Kind::Torn;
-}
-
-HRESULT Write(IStorage* storage, const std::string& record) {
-    for (const wchar_t* name : {L"record", L"copy"}) {
-        ComPtr<IStream> stream;
-        HRESULT hr = storage->CreateStream(name, STGM_READWRITE | STGM_SHARE_EXCLUSIVE | STGM_CREATE, 0, 0, &stream);
-        if (SUCCEEDED(hr)) hr = ReplaceStream(stream.Get(), record);
-        if (FAILED(hr)) return hr;
-    }
-    return S_OK;
+    if (bytes.size() >= 12) std::memcpy(header, bytes.data() + 4, sizeof header);
+    return bytes == Make(header[0], header[1]) ? Kind::Valid : Kind::Torn;
 }
 
 }  // namespace records
@@ -94,8 +67,8 @@ FileCheck CheckFile(const std::wstring& file) {
     FileCheck check;
     ComPtr<IStorage> root;
     if (FAILED(::StgOpenStorage(file.c_str(), nullptr, kRead, nullptr, 0, &root))) return check;
-    check.readable = ForEachElement(root.Get(), [&](const std::wstring&, IStream* stream, IStorage* storage) {
-        records::Kind kind = stream ? records::Check(ReadStream(stream)) : records::Check(storage);
+    check.readable = ForEachElement(root.Get(), [&](const std::wstring&, IStream* stream, IStorage*) {
+        const records::Kind kind = stream ? records::Check(ReadStream(stream)) : records::Kind::Torn;
         ++(kind == records::Kind::Valid ? check.valid : kind == records::Kind::Empty ? check.empty : check.torn);
     });
     return check;
@@ -167,7 +140,8 @@ std::wstring BesideThisProgram(const std::wstring& name) {
 }
 
 NamedEvent::NamedEvent()
-    : m_name(L"Local\\kytest-event-" + UniqueSuffix()), m_event(::CreateEventW(nullptr, FALSE, FALSE, m_name.c_str())) {}
+    : m_name(L"Local\\kytest-event-" + UniqueSuffix()),
+      m_event(::CreateEventW(nullptr, FALSE, FALSE, m_name.c_str())) {}
 
 bool SignalEvent(const std::wstring& name) {
     com::Handle event(::OpenEventW(EVENT_MODIFY_STATE, FALSE, name.c_str()));
@@ -198,25 +172,24 @@ ChildProcess::ChildProcess(const wchar_t* program, const std::wstring& arguments
     if (::CreateProcessW(path.c_str(), &commandLine[0], nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup,
                          &info)) {
         ::CloseHandle(info.hThread);
-        m_process = info.hProcess;
+        m_process.Attach(info.hProcess);
     }
 }
 
 ChildProcess::~ChildProcess() {
     if (Wait(0) == STILL_ACTIVE) Kill();
-    if (m_process) ::CloseHandle(m_process);
 }
 
 DWORD ChildProcess::Wait(DWORD ms) {
     DWORD code = static_cast<DWORD>(-1);
-    if (m_process && ::WaitForSingleObject(m_process, ms) != WAIT_OBJECT_0) return STILL_ACTIVE;
-    if (m_process) ::GetExitCodeProcess(m_process, &code);
+    if (::WaitForSingleObject(m_process.Get(), ms) == WAIT_TIMEOUT) return STILL_ACTIVE;
+    ::GetExitCodeProcess(m_process.Get(), &code);
     return code;
 }
 
 void ChildProcess::Kill() {
-    ::TerminateProcess(m_process, 9);
-    ::WaitForSingleObject(m_process, INFINITE);
+    ::TerminateProcess(m_process.Get(), 9);
+    ::WaitForSingleObject(m_process.Get(), INFINITE);
 }
 
 }  // namespace ky::test

@@ -153,8 +153,8 @@ TEST(CrossProcessRuns, KilledWorkersCostAtMostOneFailureEachAndNeverAnUnreadable
     unsigned seed = ::GetTickCount(), paying = 0, maxFailures = 0, emptied = 0, unreadable = 0, torn = 0;
     for (unsigned round = 0; round < rounds; ++round) {
         NamedEvent started;
-        ChildProcess worker(kPeer, L"worker " + Quoted(file) + L" " + std::to_wstring(100 + round) + L" 0 " +
-                                       started.Name());
+        ChildProcess worker(kPeer,
+                            L"worker " + Quoted(file) + L" " + std::to_wstring(100 + round) + L" 0 " + started.Name());
         ASSERT_TRUE(worker.Started() && AwaitEvent(started.Name(), kTimeout));
         seed = seed * 1103515245u + 12345u;
         ::Sleep((seed >> 16) % 150);

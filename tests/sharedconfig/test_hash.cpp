@@ -14,7 +14,7 @@ namespace {
 
 std::wstring Digits(const std::wstring& path) { return sharedfile::PathHashDigits(path.data(), path.size()); }
 
-TEST(PathHash, MatchesIndependentlyComputedValues) {
+TEST(PathHash, MatchesIndependentlyComputedValuesWhateverTheCase) {
     EXPECT_EQ(0xCBF29CE484222325ull, sharedfile::Fnv1Hash64("", 0));
     EXPECT_EQ(0xAF63BD4C8601B7BEull, sharedfile::Fnv1Hash64("a", 1));
     EXPECT_EQ(0x340D8765A4DDA9C2ull, sharedfile::Fnv1Hash64("foobar", 6));
@@ -23,9 +23,7 @@ TEST(PathHash, MatchesIndependentlyComputedValues) {
     EXPECT_EQ(L"08326707B4EB37DA", Digits(L"a"));  // leading zeros kept
     EXPECT_EQ(L"1390FCB694872DE1", Digits(L"\\\\server\\share\\tessaly\\shared.cfg"));
     EXPECT_EQ(L"F4685FDE2B47D562", Digits(L"c:\\donn\u00e9es\\r\u00e9glages.cfg"));
-}
-
-TEST(PathHash, SpellingsThatDifferOnlyInCaseShareTheirDigits) {
+    // Spellings that differ only in case share their digits.
     EXPECT_EQ(L"FB3D620478925F4A", Digits(L"C:\\Settings\\SHARED.cfg"));
     EXPECT_EQ(L"1390FCB694872DE1", Digits(L"\\\\SERVER\\Share\\Tessaly\\Shared.CFG"));
     EXPECT_EQ(L"F4685FDE2B47D562", Digits(L"C:\\DONN\u00c9ES\\R\u00e9glages.CFG"));
