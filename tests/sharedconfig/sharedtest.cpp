@@ -88,6 +88,12 @@ HRESULT Manager::Storage(const std::wstring& file, const std::wstring& name, Com
                                      storage->ReleaseAndGetAddressOf());
 }
 
+HRESULT Manager::Put(const std::wstring& file, const std::wstring& name, const std::string& bytes) const {
+    ComPtr<IStream> stream;
+    HRESULT hr = Stream(file, name, &stream);
+    return FAILED(hr) ? hr : ReplaceStream(stream.Get(), bytes);
+}
+
 std::string ReadStream(IStream* stream) {
     LARGE_INTEGER start = {};
     if (FAILED(stream->Seek(start, STREAM_SEEK_SET, nullptr))) return "<unreadable>";

@@ -42,6 +42,8 @@ public:
     HRESULT Stream(const std::wstring& file, const std::wstring& name, Microsoft::WRL::ComPtr<IStream>* stream) const;
     HRESULT Storage(const std::wstring& file, const std::wstring& name,
                     Microsoft::WRL::ComPtr<IStorage>* storage) const;
+    // Acquires the stream, makes it hold `bytes` and releases it.
+    HRESULT Put(const std::wstring& file, const std::wstring& name, const std::string& bytes) const;
 
 private:
     Microsoft::WRL::ComPtr<IComStgOutriggedConfiguration> m_manager;

@@ -43,18 +43,13 @@ protected:
         HRESULT hr = m_manager.Stream(file, name, &stream);
         return SUCCEEDED(hr) ? ReadStream(stream.Get()) : Hex(hr);
     }
-    void Write(const wchar_t* name, const std::string& text) {
-        ComPtr<IStream> stream;
-        ASSERT_TRUE(SUCCEEDED(m_manager.Stream(m_file, name, &stream)));
-        ASSERT_HR(S_OK, ReplaceStream(stream.Get(), text));
-    }
 
     Manager m_manager;
     const std::wstring m_file = ScratchFile(L"cross");
 };
 
 TEST_F(CrossProcess, ALockHeldInAnotherProcessMakesAcquisitionsUnderAnySpellingFail) {
-    Write(L"s", "before");
+    ASSERT_HR(S_OK, m_manager.Put(m_file, L"s", "before"));
     Peer holder(L"hold-lock " + Quoted(m_file));
     ASSERT_TRUE(holder.Ready());
     // The holder keeps the lock past the second that an acquisition waits.
@@ -73,10 +68,10 @@ TEST_F(CrossProcess, ALockHeldInAnotherProcessMakesAcquisitionsUnderAnySpellingF
 }
 
 TEST_F(CrossProcess, OfTwoHoldersTheOneReleasedLastWinsThoughItWroteNothing) {
-    Write(L"s", "original");
+    ASSERT_HR(S_OK, m_manager.Put(m_file, L"s", "original"));
     Peer other(L"hold-stream " + Quoted(m_file) + L" s");
     ASSERT_TRUE(other.Ready());
-    Write(L"s", "written here");
+    ASSERT_HR(S_OK, m_manager.Put(m_file, L"s", "written here"));
     EXPECT_EQ("written here", Acquired(m_file, L"s"));
     EXPECT_EQ(0u, other.Release());
     EXPECT_EQ("s=original;", FileContents(m_file));
@@ -89,7 +84,7 @@ TEST_F(CrossProcess, AHolderKilledWithTheLockCostsTheNextAcquisitionAtMostOneFai
     // here, the mutex goes with the holder and nobody pays.
     for (bool keep : {true, false}) {
         SCOPED_TRACE(keep ? "with a live object here" : "with none");
-        Write(L"s", "x");
+        ASSERT_HR(S_OK, m_manager.Put(m_file, L"s", "x"));
         ComPtr<IStream> keeper;
         if (keep) {
             ASSERT_TRUE(SUCCEEDED(m_manager.Stream(m_file, L"keeper", &keeper)));
