@@ -1,4 +1,4 @@
-// Pieces shared by the shared-configuration tests, the peer program they
+// Pieces shared by the shared-configuration tests, the peer processes they
 // start and the benchmark.
 #pragma once
 

@@ -1,7 +1,7 @@
 // The shared configuration store between real processes: this program and
-// the peer programs it starts (same prefix, same server, so named kernel
-// objects are shared). The stress and kill runs leave their files next to
-// this program, for check_olefile.py.
+// copies of it started as peers ("peer <part> ..."; same prefix and server,
+// so named kernel objects are shared). The stress and kill runs leave their
+// files next to this program, for check_olefile.py.
 #include <algorithm>
 #include <cstdio>
 #include <memory>
@@ -10,6 +10,7 @@
 
 #include "helpers/tempfolder.h"
 #include "kytest.h"
+#include "sharedconfig/sharedfile.h"
 #include "sharedtest.h"
 
 using Microsoft::WRL::ComPtr;
@@ -17,8 +18,71 @@ using Microsoft::WRL::ComPtr;
 namespace ky::test {
 namespace {
 
-constexpr wchar_t kPeer[] = L"sharedconfig_peer.exe";
+constexpr wchar_t kPeer[] = L"sharedconfig_crossprocess.exe";
 constexpr DWORD kTimeout = 60000;
+
+// Takes the file's lock (its name computed here, from the user and the
+// path's hash) and keeps it until released, or killed.
+int HoldLock(const std::wstring& file, const std::wstring& ready, const std::wstring& release) {
+    wchar_t user[257];
+    DWORD size = 257;
+    ::GetUserNameW(user, &size);
+    const std::wstring name = std::wstring(L"Global\\") + user + sharedfile::PathHashDigits(file.data(), file.size());
+    com::Handle mutex(::CreateMutexW(nullptr, FALSE, name.c_str()));
+    if (!mutex || ::WaitForSingleObject(mutex.Get(), INFINITE) == WAIT_FAILED) return 2;
+    SignalEvent(ready);
+    AwaitEvent(release);
+    ::ReleaseMutex(mutex.Get());
+    return 0;
+}
+
+// Acquires a stream, writes nothing, and releases it when told.
+int HoldStream(const std::wstring& file, const std::wstring& name, const std::wstring& ready,
+               const std::wstring& release) {
+    ComPtr<IStream> stream;
+    HRESULT hr = Manager().Stream(file, name, &stream);
+    SignalEvent(ready);
+    AwaitEvent(release);
+    return SUCCEEDED(hr) ? 0 : 1;
+}
+
+// Acquires, checks, rewrites and releases streams of the file, `iterations`
+// times or until killed. The exit code holds its failed acquisitions,
+// 0x10000 for a torn read and 0x20000 for any other error.
+int Worker(const std::wstring& file, unsigned id, unsigned iterations, const std::wstring& started) {
+    Manager manager;
+    unsigned seed = id * 7919u + ::GetTickCount(), failures = 0;
+    bool torn = false, errors = !manager.Ok();
+    for (unsigned round = 0; manager.Ok() && (iterations == 0 || round < iterations); ++round) {
+        // Mostly the shared streams, sometimes one of its own.
+        seed = seed * 1103515245u + 12345u;
+        const unsigned pick = (seed >> 16) % 4;
+        ComPtr<IStream> stream;
+        const HRESULT hr =
+            manager.Stream(file, pick < 3 ? L"s" + std::to_wstring(pick) : L"w" + std::to_wstring(id), &stream);
+        const records::Kind kind = SUCCEEDED(hr) ? records::Check(ReadStream(stream.Get())) : records::Kind::Empty;
+        const HRESULT written = SUCCEEDED(hr) ? ReplaceStream(stream.Get(), records::Make(id, round)) : S_OK;
+        failures += hr == E_FAIL;
+        torn = torn || kind == records::Kind::Torn;
+        if ((FAILED(hr) && hr != E_FAIL) || FAILED(written)) {
+            errors = true;
+            std::printf("worker %u: 0x%08lX\n", id, static_cast<unsigned long>(FAILED(hr) ? hr : written));
+        }
+        if (round == 0 && !started.empty()) SignalEvent(started);
+    }
+    return static_cast<int>((failures & 0xFFFF) | (torn ? 0x10000 : 0) | (errors ? 0x20000 : 0));
+}
+
+// A peer's main part; 0 when its part went as it must.
+int RunPeer(int argc, wchar_t** argv) {
+    const std::wstring part = argc > 2 ? argv[2] : L"";
+    int result = 2;
+    if (part == L"hold-lock" && argc == 6) result = HoldLock(argv[3], argv[4], argv[5]);
+    if (part == L"hold-stream" && argc == 7) result = HoldStream(argv[3], argv[4], argv[5], argv[6]);
+    if (part == L"worker" && argc >= 6)
+        result = Worker(argv[3], _wtoi(argv[4]), _wtoi(argv[5]), argc > 6 ? argv[6] : L"");
+    return DllCanUnloadNow() == S_OK ? result : 3;  // every object of the library is gone
+}
 
 std::wstring Quoted(const std::wstring& text) { return L"\"" + text + L"\""; }
 
@@ -50,7 +114,7 @@ protected:
 
 TEST_F(CrossProcess, ALockHeldInAnotherProcessMakesAcquisitionsUnderAnySpellingFail) {
     ASSERT_HR(S_OK, m_manager.Put(m_file, L"s", "before"));
-    Peer holder(L"hold-lock " + Quoted(m_file));
+    Peer holder(L"peer hold-lock " + Quoted(m_file));
     ASSERT_TRUE(holder.Ready());
     // The holder keeps the lock past the second that an acquisition waits.
     std::wstring upper = m_file;
@@ -69,7 +133,7 @@ TEST_F(CrossProcess, ALockHeldInAnotherProcessMakesAcquisitionsUnderAnySpellingF
 
 TEST_F(CrossProcess, OfTwoHoldersTheOneReleasedLastWinsThoughItWroteNothing) {
     ASSERT_HR(S_OK, m_manager.Put(m_file, L"s", "original"));
-    Peer other(L"hold-stream " + Quoted(m_file) + L" s");
+    Peer other(L"peer hold-stream " + Quoted(m_file) + L" s");
     ASSERT_TRUE(other.Ready());
     ASSERT_HR(S_OK, m_manager.Put(m_file, L"s", "written here"));
     EXPECT_EQ("written here", Acquired(m_file, L"s"));
@@ -95,8 +159,8 @@ TEST(CrossProcessRuns, ManyProcessesLeaveEveryElementAsOneCompleteWrite) {
     ::DeleteFileW(file.c_str());
     std::vector<std::unique_ptr<ChildProcess>> workers;
     for (int id = 1; id <= 6; ++id)
-        workers.push_back(
-            std::make_unique<ChildProcess>(kPeer, L"worker " + Quoted(file) + L" " + std::to_wstring(id) + L" 40"));
+        workers.push_back(std::make_unique<ChildProcess>(
+            kPeer, L"peer worker " + Quoted(file) + L" " + std::to_wstring(id) + L" 40"));
     unsigned failures = 0;
     for (auto& worker : workers) {
         const DWORD code = worker->Wait(600000);
@@ -126,8 +190,8 @@ TEST(CrossProcessRuns, KilledLockHoldersCostAtMostOneFailureEachAndNeverAnUnread
     unsigned seed = ::GetTickCount(), paying = 0, maxFailures = 0, emptied = 0, unreadable = 0, torn = 0;
     for (unsigned round = 0; round < rounds; ++round) {
         NamedEvent started;
-        ChildProcess worker(kPeer,
-                            L"worker " + Quoted(file) + L" " + std::to_wstring(100 + round) + L" 0 " + started.Name());
+        ChildProcess worker(
+            kPeer, L"peer worker " + Quoted(file) + L" " + std::to_wstring(100 + round) + L" 0 " + started.Name());
         ASSERT_TRUE(worker.Started() && AwaitEvent(started.Name(), kTimeout));
         seed = seed * 1103515245u + 12345u;
         ::Sleep((seed >> 16) % 150);
@@ -173,4 +237,7 @@ TEST(CrossProcessRuns, KilledLockHoldersCostAtMostOneFailureEachAndNeverAnUnread
 }  // namespace
 }  // namespace ky::test
 
-KY_TEST_MAIN(COINIT_MULTITHREADED)
+int main(int argc, char** argv) {
+    if (argc > 1 && std::string(argv[1]) == "peer") return ky::test::RunProgram(&ky::test::RunPeer);
+    return ky::test::RunAllTests(argc, argv, COINIT_MULTITHREADED, &ky::test::DllCanUnloadNow);
+}
