@@ -6,6 +6,7 @@
 #include <set>
 #include <string>
 
+#include "com/raii.h"
 #include "helpers/tempfolder.h"
 #include "kytest.h"
 
@@ -13,12 +14,6 @@ using Microsoft::WRL::ComPtr;
 
 namespace ky::test {
 namespace {
-
-std::wstring Take(BSTR text) {
-    std::wstring result = text ? std::wstring(text, ::SysStringLen(text)) : L"<null>";
-    ::SysFreeString(text);
-    return result;
-}
 
 std::wstring ShellPath(int csidl) {
     wchar_t path[MAX_PATH] = {};
@@ -50,73 +45,43 @@ std::set<std::wstring> FilesIn(const std::wstring& folder) {
 class FileSystem : public ::testing::Test {
 protected:
     void SetUp() override {
-        ASSERT_HR(S_OK,
-                  ::CoCreateInstance(CLSID_KyHelpers, nullptr, CLSCTX_INPROC_SERVER, IID_IKyFileSystem, &m_files));
+        ASSERT_HR(S_OK, ::CoCreateInstance(CLSID_KyHelpers, nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&m_files)));
     }
     std::wstring Folder(HRESULT (STDMETHODCALLTYPE IKyFileSystem::*get)(BSTR*)) {
-        BSTR path = nullptr;
-        EXPECT_HR(S_OK, (m_files.Get()->*get)(&path));
-        return Take(path);
+        com::Bstr path;
+        EXPECT_HR(S_OK, (m_files.Get()->*get)(path.Out()));
+        EXPECT_HR(E_POINTER, (m_files.Get()->*get)(nullptr));
+        return path.IsNull() ? L"<null>" : path.Get();
     }
     std::wstring TemporaryFolder() { return Folder(&IKyFileSystem::GetTemporaryFolder); }
     HRESULT NewFile(const std::wstring& extension, std::wstring* path = nullptr) {
-        BSTR text = ::SysAllocString(extension.c_str()), result = nullptr;
-        HRESULT hr = m_files->CreateTemporaryFileName(text, &result);
-        ::SysFreeString(text);
-        std::wstring name = Take(result);
-        if (path) *path = name;
+        com::Bstr result;
+        HRESULT hr = m_files->CreateTemporaryFileName(com::Bstr(extension.c_str()), result.Out());
+        if (path) *path = result.IsNull() ? L"" : result.Get();
         return hr;
     }
 
     ComPtr<IKyFileSystem> m_files;
 };
 
-// The only test that asks for the application data folder: the setting is
-// read once per loaded library.
-TEST_F(FileSystem, TheApplicationDataFolderFollowsTheRoamingSettingReadOnce) {
+// The only test that asks for the application data folder: roaming is
+// decided once per loaded library.
+TEST_F(FileSystem, TheApplicationsFoldersFollowTheSettingsAndTheShell) {
     const wchar_t* const key = L"Software\\Norvane\\Tessaly 3\\Settings";
     ASSERT_FALSE(RegKeyExists(HKEY_LOCAL_MACHINE, key));  // the user's setting decides
-    HKEY settings = nullptr;
-    ASSERT_EQ(ERROR_SUCCESS,
-              ::RegCreateKeyExW(HKEY_CURRENT_USER, key, 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &settings, nullptr));
+    ASSERT_NE(ShellPath(CSIDL_APPDATA), ShellPath(CSIDL_LOCAL_APPDATA));
     for (DWORD value : {1u, 0u}) {
-        ::RegSetValueExW(settings, L"EnableApplicationDataRoaming", 0, REG_DWORD, reinterpret_cast<BYTE*>(&value),
-                         sizeof value);
+        ::RegSetKeyValueW(HKEY_CURRENT_USER, key, L"EnableApplicationDataRoaming", REG_DWORD, &value, sizeof value);
         // Turned off later, it still roams: the process keeps what it decided.
         EXPECT_EQ(ShellPath(CSIDL_APPDATA) + L"\\Norvane\\Tessaly\\", Folder(&IKyFileSystem::GetApplicationDataFolder));
     }
-    EXPECT_NE(ShellPath(CSIDL_APPDATA), ShellPath(CSIDL_LOCAL_APPDATA));
-    ::RegCloseKey(settings);
     ::RegDeleteKeyW(HKEY_CURRENT_USER, key);
-    EXPECT_HR(E_POINTER, m_files->GetApplicationDataFolder(nullptr));
-}
 
-TEST_F(FileSystem, SharedAndDocumentsFolders) {
     std::wstring common;
     ASSERT_TRUE(
         ReadRegString(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Microsoft\\Windows\\CurrentVersion", L"CommonFilesDir", &common));
     EXPECT_EQ(common + L"\\Norvane Shared\\", Folder(&IKyFileSystem::GetSharedFolder));
     EXPECT_EQ(ShellPath(CSIDL_PERSONAL), Folder(&IKyFileSystem::GetDocumentsFolder));
-    EXPECT_NE(L'\\', ShellPath(CSIDL_PERSONAL).back());
-    EXPECT_HR(E_POINTER, m_files->GetSharedFolder(nullptr));
-    EXPECT_HR(E_POINTER, m_files->GetDocumentsFolder(nullptr));
-}
-
-TEST_F(FileSystem, CreateDirectoryPathMakesMissingParentsAndTellsAnExistingOne) {
-    const std::wstring base = TemporaryFolder() + L"made";
-    const std::wstring deep = base + L"\\a\\b\\c";
-    EXPECT_HR(S_OK, m_files->CreateDirectoryPath(deep.c_str()));
-    EXPECT_TRUE(Exists(deep));
-    EXPECT_HR(S_FALSE, m_files->CreateDirectoryPath(deep.c_str()));
-    // A file in the way, and a relative path: the system's errors.
-    HANDLE file = ::CreateFileW((base + L"\\file").c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW, 0, nullptr);
-    ::CloseHandle(file);
-    for (const std::wstring& bad : {base + L"\\file\\below", std::wstring(L"relative\\path")}) {
-        HRESULT hr = m_files->CreateDirectoryPath(bad.c_str());
-        EXPECT_TRUE(FAILED(hr) && HRESULT_FACILITY(hr) == FACILITY_WIN32) << Hex(hr);
-    }
-    EXPECT_HR(E_INVALIDARG, m_files->CreateDirectoryPath(nullptr));
-    EXPECT_HR(S_OK, m_files->RemoveTemporaryFolder());
 }
 
 TEST_F(FileSystem, TheTemporaryFolderIsThisProcesssAndHoldsNewUniqueFiles) {
@@ -124,14 +89,12 @@ TEST_F(FileSystem, TheTemporaryFolderIsThisProcesssAndHoldsNewUniqueFiles) {
     const std::wstring folder = TemporaryFolder();
     const std::wstring prefix = TempPath() + tempfolder::kTempFolderPrefix;
     ASSERT_EQ(prefix, folder.substr(0, prefix.size()));
-    GUID guid;
-    EXPECT_HR(S_OK, ::CLSIDFromString(folder.substr(prefix.size(), 38).c_str(), &guid));
     EXPECT_EQ(prefix.size() + 39, folder.size());
     ComPtr<IKyFileSystem> other;
-    ASSERT_HR(S_OK, ::CoCreateInstance(CLSID_KyHelpers, nullptr, CLSCTX_INPROC_SERVER, IID_IKyFileSystem, &other));
-    BSTR again = nullptr;
-    ASSERT_HR(S_OK, other->GetTemporaryFolder(&again));
-    EXPECT_EQ(folder, Take(again));
+    com::Bstr again;
+    ASSERT_HR(S_OK, ::CoCreateInstance(CLSID_KyHelpers, nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&other)));
+    ASSERT_HR(S_OK, other->GetTemporaryFolder(again.Out()));
+    EXPECT_EQ(folder, again.Get());
     // While this process lives, its marker cannot be deleted.
     EXPECT_FALSE(::DeleteFileW((folder + tempfolder::kOwnerMarkerName).c_str()));
     EXPECT_EQ(static_cast<DWORD>(ERROR_SHARING_VIOLATION), ::GetLastError());
@@ -139,41 +102,45 @@ TEST_F(FileSystem, TheTemporaryFolderIsThisProcesssAndHoldsNewUniqueFiles) {
 
     // Each name is a new empty file there; an extension, given with or
     // without its dot, replaces the system's.
-    std::wstring a, b, xml, dotted;
-    ASSERT_HR(S_OK, NewFile(L"", &a));
-    ASSERT_HR(S_OK, NewFile(L"", &b));
-    ASSERT_HR(S_OK, NewFile(L"xml", &xml));
-    ASSERT_HR(S_OK, NewFile(L".cfg.bak", &dotted));
-    EXPECT_NE(a, b);
-    EXPECT_EQ(L".xml", xml.substr(xml.size() - 4));
-    EXPECT_EQ(L".cfg.bak", dotted.substr(dotted.size() - 8));
-    std::set<std::wstring> expected;
-    for (const auto& path : {a, b, xml, dotted}) expected.insert(path.substr(folder.size()));
-    EXPECT_EQ(expected, FilesIn(folder));  // nothing else reserved on the way
-
-    for (const wchar_t* bad : {L".", L"a/b", L"a\\b", L"x:y", L"a*", L"q?", L"t.", L"t "})
+    std::set<std::wstring> made;
+    for (const wchar_t* extension : {L"", L"", L"xml", L".cfg.bak"}) {
+        std::wstring path;
+        ASSERT_HR(S_OK, NewFile(extension, &path));
+        const std::wstring end = *extension == L'.' ? extension : *extension ? std::wstring(L".") + extension : L".tmp";
+        EXPECT_EQ(end, path.substr(path.size() - end.size()));
+        made.insert(path.substr(folder.size()));
+    }
+    EXPECT_EQ(4u, made.size());
+    EXPECT_EQ(made, FilesIn(folder));  // nothing else reserved on the way
+    for (const wchar_t* bad : {L".", L"a\\b", L"x:y", L"q?", L"t."})
         EXPECT_HR(E_INVALIDARG, NewFile(bad)) << Narrow(bad);
     // A name that would not fit MAX_PATH is refused and leaves nothing.
     // (The system's names are "ky", up to four hexadecimal digits, ".tmp".)
     EXPECT_HR(E_INVALIDARG, NewFile(std::wstring(MAX_PATH - folder.size() - 4, L'e')));
-    EXPECT_EQ(expected, FilesIn(folder));
+    EXPECT_EQ(made, FilesIn(folder));
     EXPECT_HR(S_OK, NewFile(std::wstring(MAX_PATH - folder.size() - 12, L'e')));
     EXPECT_HR(E_POINTER, m_files->CreateTemporaryFileName(nullptr, nullptr));
 }
 
-TEST_F(FileSystem, TheOwnerRemovesItsFolderUnlessAFileIsInUse) {
-    const std::wstring folder = TemporaryFolder();
+TEST_F(FileSystem, TheOwnerRemovesItsFolderAndDirectoriesUnlessAFileIsInUse) {
+    const std::wstring folder = TemporaryFolder(), deep = folder + L"made\\a\\b";
+    EXPECT_HR(S_OK, m_files->CreateDirectoryPath(deep.c_str()));  // with its parents
+    EXPECT_HR(S_FALSE, m_files->CreateDirectoryPath(deep.c_str()));
+    EXPECT_HR(E_INVALIDARG, m_files->CreateDirectoryPath(nullptr));
     std::wstring busy;
     ASSERT_HR(S_OK, NewFile(L"busy", &busy));
-    ASSERT_HR(S_OK, NewFile(L""));
-    ASSERT_HR(S_OK, m_files->CreateDirectoryPath((folder + L"sub\\deeper").c_str()));
-    HANDLE open = ::CreateFileW(busy.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr);
+    // A file in the way, and a relative path: the system's errors.
+    for (const std::wstring& bad : {busy + L"\\below", std::wstring(L"relative\\path")}) {
+        HRESULT hr = m_files->CreateDirectoryPath(bad.c_str());
+        EXPECT_TRUE(FAILED(hr) && HRESULT_FACILITY(hr) == FACILITY_WIN32) << Hex(hr);
+    }
+    com::Handle open(::CreateFileW(busy.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr));
     EXPECT_TRUE(FAILED(m_files->RemoveTemporaryFolder()));
     // What could go went; the folder stays, still owned.
     EXPECT_EQ(std::set<std::wstring>{busy.substr(folder.size())}, FilesIn(folder));
     EXPECT_EQ(folder, TemporaryFolder());
     EXPECT_FALSE(::DeleteFileW((folder + tempfolder::kOwnerMarkerName).c_str()));
-    ::CloseHandle(open);
+    open.Close();
 
     EXPECT_HR(S_OK, m_files->RemoveTemporaryFolder());
     EXPECT_FALSE(Exists(folder));
@@ -184,23 +151,22 @@ TEST_F(FileSystem, TheOwnerRemovesItsFolderUnlessAFileIsInUse) {
 }
 
 TEST_F(FileSystem, ACleanerRemovesFoldersThatNoLiveProcessOwns) {
-    // What a process that died leaves: a folder whose marker nobody holds.
+    // What a process that died leaves: a folder whose marker nobody holds,
+    // or none at all.
     GUID guid;
-    ::CoCreateGuid(&guid);
     wchar_t text[40];
+    ::CoCreateGuid(&guid);
     ::StringFromGUID2(guid, text, 40);
     const std::wstring dead = TempPath() + tempfolder::kTempFolderPrefix + text;
-    ASSERT_TRUE(::CreateDirectoryW(dead.c_str(), nullptr));
-    ASSERT_TRUE(::CreateDirectoryW((dead + L"\\sub").c_str(), nullptr));
-    for (const wchar_t* name : {tempfolder::kOwnerMarkerName, L"ky1.tmp", L"sub\\ky2.tmp"})
-        ::CloseHandle(::CreateFileW((dead + L"\\" + name).c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW,
-                                    FILE_ATTRIBUTE_READONLY, nullptr));
-    EXPECT_HR(S_OK, tempfolder::RemoveFolderIfAbandoned(dead.c_str()));
-    EXPECT_FALSE(Exists(dead));
-    // One without a marker at all is nobody's either.
-    ASSERT_TRUE(::CreateDirectoryW(dead.c_str(), nullptr));
-    EXPECT_HR(S_OK, tempfolder::RemoveFolderIfAbandoned((dead + L"\\").c_str()));
-    EXPECT_FALSE(Exists(dead));
+    for (bool marked : {true, false}) {
+        ASSERT_TRUE(::CreateDirectoryW(dead.c_str(), nullptr) &&
+                    ::CreateDirectoryW((dead + L"\\sub").c_str(), nullptr));
+        for (const wchar_t* name : {marked ? tempfolder::kOwnerMarkerName : L"ky0.tmp", L"ky1.tmp", L"sub\\ky2.tmp"})
+            ::CloseHandle(::CreateFileW((dead + L"\\" + name).c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW,
+                                        FILE_ATTRIBUTE_READONLY, nullptr));
+        EXPECT_HR(S_OK, tempfolder::RemoveFolderIfAbandoned((marked ? dead : dead + L"\\").c_str()));
+        EXPECT_FALSE(Exists(dead));
+    }
     EXPECT_TRUE(FAILED(tempfolder::RemoveFolderIfAbandoned(dead.c_str())));
 }
 

@@ -1,13 +1,16 @@
 // The shared configuration store between real processes: this program and
-// the peer program it starts (same prefix, same server, so named kernel
-// objects are shared).
-#include <wrl/client.h>
-
-#include <set>
+// copies of it started as peers ("peer <part> ..."; same prefix and server,
+// so named kernel objects are shared). The stress and kill runs leave their
+// files next to this program, for check_olefile.py.
+#include <algorithm>
+#include <cstdio>
+#include <memory>
 #include <string>
+#include <vector>
 
 #include "helpers/tempfolder.h"
 #include "kytest.h"
+#include "sharedconfig/sharedfile.h"
 #include "sharedtest.h"
 
 using Microsoft::WRL::ComPtr;
@@ -15,122 +18,226 @@ using Microsoft::WRL::ComPtr;
 namespace ky::test {
 namespace {
 
-constexpr wchar_t kPeer[] = L"sharedconfig_peer.exe";
-constexpr DWORD kStartTimeout = 60000;
+constexpr wchar_t kPeer[] = L"sharedconfig_crossprocess.exe";
+constexpr DWORD kTimeout = 60000;
+
+// Takes the file's lock (its name computed here, from the user and the
+// path's hash) and keeps it until released, or killed.
+int HoldLock(const std::wstring& file, const std::wstring& ready, const std::wstring& release) {
+    wchar_t user[257];
+    DWORD size = 257;
+    ::GetUserNameW(user, &size);
+    const std::wstring name = std::wstring(L"Global\\") + user + sharedfile::PathHashDigits(file.data(), file.size());
+    com::Handle mutex(::CreateMutexW(nullptr, FALSE, name.c_str()));
+    if (!mutex || ::WaitForSingleObject(mutex.Get(), INFINITE) == WAIT_FAILED) return 2;
+    SignalEvent(ready);
+    AwaitEvent(release);
+    ::ReleaseMutex(mutex.Get());
+    return 0;
+}
+
+// Acquires a stream, writes nothing, and releases it when told.
+int HoldStream(const std::wstring& file, const std::wstring& name, const std::wstring& ready,
+               const std::wstring& release) {
+    ComPtr<IStream> stream;
+    HRESULT hr = Manager().Stream(file, name, &stream);
+    SignalEvent(ready);
+    AwaitEvent(release);
+    return SUCCEEDED(hr) ? 0 : 1;
+}
+
+// Acquires, checks, rewrites and releases streams of the file, `iterations`
+// times or until killed. The exit code holds its failed acquisitions,
+// 0x10000 for a torn read and 0x20000 for any other error.
+int Worker(const std::wstring& file, unsigned id, unsigned iterations, const std::wstring& started) {
+    Manager manager;
+    unsigned seed = id * 7919u + ::GetTickCount(), failures = 0;
+    bool torn = false, errors = !manager.Ok();
+    for (unsigned round = 0; manager.Ok() && (iterations == 0 || round < iterations); ++round) {
+        // Mostly the shared streams, sometimes one of its own.
+        seed = seed * 1103515245u + 12345u;
+        const unsigned pick = (seed >> 16) % 4;
+        ComPtr<IStream> stream;
+        const HRESULT hr =
+            manager.Stream(file, pick < 3 ? L"s" + std::to_wstring(pick) : L"w" + std::to_wstring(id), &stream);
+        const records::Kind kind = SUCCEEDED(hr) ? records::Check(ReadStream(stream.Get())) : records::Kind::Empty;
+        const HRESULT written = SUCCEEDED(hr) ? ReplaceStream(stream.Get(), records::Make(id, round)) : S_OK;
+        failures += hr == E_FAIL;
+        torn = torn || kind == records::Kind::Torn;
+        if ((FAILED(hr) && hr != E_FAIL) || FAILED(written)) {
+            errors = true;
+            std::printf("worker %u: 0x%08lX\n", id, static_cast<unsigned long>(FAILED(hr) ? hr : written));
+        }
+        if (round == 0 && !started.empty()) SignalEvent(started);
+    }
+    return static_cast<int>((failures & 0xFFFF) | (torn ? 0x10000 : 0) | (errors ? 0x20000 : 0));
+}
+
+// A peer's main part; 0 when its part went as it must.
+int RunPeer(int argc, wchar_t** argv) {
+    const std::wstring part = argc > 2 ? argv[2] : L"";
+    int result = 2;
+    if (part == L"hold-lock" && argc == 6) result = HoldLock(argv[3], argv[4], argv[5]);
+    if (part == L"hold-stream" && argc == 7) result = HoldStream(argv[3], argv[4], argv[5], argv[6]);
+    if (part == L"worker" && argc >= 6)
+        result = Worker(argv[3], _wtoi(argv[4]), _wtoi(argv[5]), argc > 6 ? argv[6] : L"");
+    return DllCanUnloadNow() == S_OK ? result : 3;  // every object of the library is gone
+}
 
 std::wstring Quoted(const std::wstring& text) { return L"\"" + text + L"\""; }
 
-// A peer with its two events: it says "ready" and waits for "release".
+// A peer that says "ready" and then waits for "release".
 struct Peer {
     explicit Peer(const std::wstring& command)
         : process(kPeer, command + L" " + ready.Name() + L" " + release.Name()) {}
-    bool Ready() { return process.Started() && ready.Wait(kStartTimeout); }
+    bool Ready() { return process.Started() && AwaitEvent(ready.Name(), kTimeout); }
+    DWORD Release() { return SignalEvent(release.Name()) ? process.Wait(kTimeout) : STILL_ACTIVE; }
     NamedEvent ready, release;
     ChildProcess process;
 };
 
 class CrossProcess : public ::testing::Test {
 protected:
-    void SetUp() override {
-        ASSERT_TRUE(m_manager.Ok());
-        m_file = ScratchFile(L"cross");
-    }
+    void SetUp() override { ASSERT_TRUE(m_manager.Ok()); }
     void TearDown() override { ::DeleteFileW(m_file.c_str()); }
 
+    // What an acquisition of the stream reads, or its failure.
     std::string Acquired(const std::wstring& file, const wchar_t* name) {
         ComPtr<IStream> stream;
         HRESULT hr = m_manager.Stream(file, name, &stream);
-        return SUCCEEDED(hr) ? ReadStream(stream.Get()) : "<" + Hex(hr) + ">";
-    }
-    void Write(const wchar_t* name, const std::string& text) {
-        ComPtr<IStream> stream;
-        ASSERT_TRUE(SUCCEEDED(m_manager.Stream(m_file, name, &stream)));
-        ASSERT_HR(S_OK, ReplaceStream(stream.Get(), text));
+        return SUCCEEDED(hr) ? ReadStream(stream.Get()) : Hex(hr);
     }
 
     Manager m_manager;
-    std::wstring m_file;
+    const std::wstring m_file = ScratchFile(L"cross");
 };
 
-TEST_F(CrossProcess, ALockHeldInAnotherProcessMakesAcquisitionsFail) {
-    Write(L"s", "before");
-    Peer holder(L"hold-lock " + Quoted(m_file));
+TEST_F(CrossProcess, ALockHeldInAnotherProcessMakesAcquisitionsUnderAnySpellingFail) {
+    ASSERT_HR(S_OK, m_manager.Put(m_file, L"s", "before"));
+    Peer holder(L"peer hold-lock " + Quoted(m_file));
     ASSERT_TRUE(holder.Ready());
-
-    // The holder keeps the lock for longer than both waits of an acquisition
-    // (its own and its discarded write-back's); the path is spelled in
-    // another case.
+    // The holder keeps the lock past the second that an acquisition waits.
     std::wstring upper = m_file;
     ::CharUpperBuffW(&upper[0], static_cast<DWORD>(upper.size()));
-    EXPECT_EQ("<" + Hex(E_FAIL) + ">", Acquired(upper, L"s"));
+    EXPECT_EQ(Hex(E_FAIL), Acquired(upper, L"s"));
     ComPtr<IStorage> storage;
     EXPECT_HR(E_FAIL, m_manager.Storage(m_file, L"g", &storage));
+    const std::wstring other = ScratchFile(L"other");  // a lock of its own
+    EXPECT_EQ("", Acquired(other, L"s"));
+    ::DeleteFileW(other.c_str());
 
-    holder.release.Set();
-    EXPECT_EQ(0u, holder.process.Wait(kStartTimeout));
-    EXPECT_EQ("before", Acquired(m_file, L"s"));
+    EXPECT_EQ(0u, holder.Release());
+    // The failed acquisitions' write-backs met the same lock and gave up.
+    EXPECT_EQ("s=before;", FileContents(m_file));
 }
 
-TEST_F(CrossProcess, OfTwoHoldersTheOneReleasedLastWins) {
-    Write(L"s", "original");
-    Peer other(L"hold-stream " + Quoted(m_file) + L" s");
+TEST_F(CrossProcess, OfTwoHoldersTheOneReleasedLastWinsThoughItWroteNothing) {
+    ASSERT_HR(S_OK, m_manager.Put(m_file, L"s", "original"));
+    Peer other(L"peer hold-stream " + Quoted(m_file) + L" s");
     ASSERT_TRUE(other.Ready());
-
-    Write(L"s", "written here");
+    ASSERT_HR(S_OK, m_manager.Put(m_file, L"s", "written here"));
     EXPECT_EQ("written here", Acquired(m_file, L"s"));
-    // The other process wrote nothing, and is released last.
-    other.release.Set();
-    EXPECT_EQ(0u, other.process.Wait(kStartTimeout));
-    EXPECT_EQ("original", Acquired(m_file, L"s"));
+    EXPECT_EQ(0u, other.Release());
+    EXPECT_EQ("s=original;", FileContents(m_file));
 }
 
-TEST_F(CrossProcess, AHolderKilledWithTheLockCostsTheNextAcquisitionAtMostOneFailure) {
-    Write(L"s", "x");
-    // While an object of this process lives, the mutex outlives the killed
-    // holder, abandoned: exactly one acquisition pays. Without one, the
-    // mutex goes with the holder's handle and nobody pays.
-    for (bool keep : {true, true, true, false, false}) {
-        SCOPED_TRACE(keep ? "with a live object here" : "with none");
-        ComPtr<IStream> keeper;
-        if (keep) {
-            ASSERT_TRUE(SUCCEEDED(m_manager.Stream(m_file, L"keeper", &keeper)));
-        }
-        Peer holder(L"hold-lock " + Quoted(m_file));
-        ASSERT_TRUE(holder.Ready());
-        holder.process.Kill();
-        int failures = 0;
+std::vector<std::wstring> PrivateTempFolders() {
+    wchar_t temp[MAX_PATH + 1];
+    ::GetTempPathW(MAX_PATH + 1, temp);
+    std::vector<std::wstring> folders;
+    WIN32_FIND_DATAW found;
+    HANDLE find = ::FindFirstFileW((std::wstring(temp) + tempfolder::kTempFolderPrefix + L"*").c_str(), &found);
+    if (find == INVALID_HANDLE_VALUE) return folders;
+    do folders.push_back(std::wstring(temp) + found.cFileName + L"\\");
+    while (::FindNextFileW(find, &found));
+    ::FindClose(find);
+    return folders;
+}
+
+TEST(CrossProcessRuns, ManyProcessesLeaveEveryElementAsOneCompleteWrite) {
+    const std::wstring file = BesideThisProgram(L"stress.stg");
+    ::DeleteFileW(file.c_str());
+    std::vector<std::unique_ptr<ChildProcess>> workers;
+    for (int id = 1; id <= 6; ++id)
+        workers.push_back(std::make_unique<ChildProcess>(
+            kPeer, L"peer worker " + Quoted(file) + L" " + std::to_wstring(id) + L" 40"));
+    unsigned failures = 0;
+    for (auto& worker : workers) {
+        const DWORD code = worker->Wait(600000);
+        EXPECT_TRUE(code != STILL_ACTIVE && code < 0x10000) << "no torn reads, no errors: " << Hex(code);
+        failures += code & 0xFFFF;
+    }
+    const FileCheck check = CheckFile(file);
+    std::printf("stress: processes=6 iterations=40 failed-acquisitions=%u valid=%u empty=%u torn=%u\n", failures,
+                check.valid, check.empty, check.torn);
+    EXPECT_TRUE(check.readable);
+    EXPECT_EQ(0u, check.torn);
+    EXPECT_LT(0u, check.valid);
+    // Only a failed acquisition's write-back puts an empty copy back.
+    EXPECT_TRUE(failures > 0 || check.empty == 0) << check.empty << " empty elements";
+}
+
+TEST(CrossProcessRuns, KilledLockHoldersCostAtMostOneFailureEachAndNeverAnUnreadableFile) {
+    const std::wstring file = BesideThisProgram(L"kills.stg");
+    ::DeleteFileW(file.c_str());
+    Manager manager;
+    // Like any process that keeps a setting open, this one holds a handle to
+    // the file's mutex all along, so a kill leaves it abandoned, not gone.
+    ComPtr<IStream> keeper;
+    ASSERT_TRUE(SUCCEEDED(manager.Stream(file, L"keeper", &keeper)));
+    ASSERT_HR(S_OK, manager.Put(file, L"s0", records::Make(0, 0)));
+    const unsigned rounds = 30;
+    unsigned seed = ::GetTickCount(), paying = 0, maxFailures = 0, emptied = 0, unreadable = 0, torn = 0;
+    for (unsigned round = 0; round < rounds; ++round) {
+        NamedEvent started;
+        ChildProcess worker(
+            kPeer, L"peer worker " + Quoted(file) + L" " + std::to_wstring(100 + round) + L" 0 " + started.Name());
+        ASSERT_TRUE(worker.Started() && AwaitEvent(started.Name(), kTimeout));
+        seed = seed * 1103515245u + 12345u;
+        ::Sleep((seed >> 16) % 150);
+        worker.Kill();
+
+        unsigned failures = 0;
         ComPtr<IStream> stream;
         HRESULT hr;
-        while ((hr = m_manager.Stream(m_file, L"s", &stream)) == E_FAIL && failures < 5) ++failures;
-        EXPECT_EQ(keep ? 1 : 0, failures);
-        EXPECT_HR(S_OK, hr);
+        while ((hr = manager.Stream(file, L"s0", &stream)) == E_FAIL && failures < 5) ++failures;
+        ASSERT_TRUE(SUCCEEDED(hr)) << Hex(hr);
+        paying += failures > 0;
+        maxFailures = std::max(maxFailures, failures);
+        emptied += ReadStream(stream.Get()).empty();
+        ASSERT_HR(S_OK, ReplaceStream(stream.Get(), records::Make(0, round)));
+        stream.Reset();
+        const FileCheck check = CheckFile(file);
+        unreadable += !check.readable;
+        torn += check.torn;
     }
-}
-
-TEST_F(CrossProcess, AKilledProcessLeavesATemporaryFolderThatACleanerRemoves) {
-    const std::set<std::wstring> before = PrivateTempFolders();
-    Peer peer(L"temp-folder");
-    ASSERT_TRUE(peer.Ready());
-    // Its folder is the new one, and its marker names its process.
-    std::wstring folder;
-    for (const auto& candidate : PrivateTempFolders())
-        if (!before.count(candidate)) folder = candidate;
-    ASSERT_FALSE(folder.empty());
-    HANDLE marker = ::CreateFileW((folder + tempfolder::kOwnerMarkerName).c_str(), GENERIC_READ,
-                                  FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING, 0, nullptr);
-    char text[32] = {};
-    DWORD read = 0;
-    ::ReadFile(marker, text, sizeof text - 1, &read, nullptr);
-    ::CloseHandle(marker);
-    EXPECT_EQ(std::to_string(peer.process.Id()) + "\r\n", text);
-
-    EXPECT_HR(S_FALSE, tempfolder::RemoveFolderIfAbandoned(folder.c_str()));
-    peer.process.Kill();
-    EXPECT_HR(S_OK, tempfolder::RemoveFolderIfAbandoned(folder.c_str()));
-    EXPECT_EQ(INVALID_FILE_ATTRIBUTES, ::GetFileAttributesW(folder.c_str()));
+    // The killed workers' private folders are left for a cleaner, which tells
+    // them from the folders of live processes (this one's, at least).
+    unsigned removed = 0, live = 0;
+    for (const auto& folder : PrivateTempFolders()) {
+        const HRESULT hr = tempfolder::RemoveFolderIfAbandoned(folder.c_str());
+        removed += hr == S_OK;
+        live += hr == S_FALSE;
+    }
+    std::printf(
+        "killrun: kills=%u paying-acquisitions=%u max-failures-per-kill=%u emptied-by-discarded-write-back=%u "
+        "unreadable-files=%u torn-elements=%u abandoned-temp-folders-removed=%u live-ones-kept=%u\n",
+        rounds, paying, maxFailures, emptied, unreadable, torn, removed, live);
+    // A kill inside the lock leaves the mutex abandoned: the next acquisition
+    // fails once, and its discarded empty copy replaces the element.
+    EXPECT_LT(0u, paying);
+    EXPECT_GE(1u, maxFailures);
+    EXPECT_EQ(paying, emptied);
+    EXPECT_EQ(0u, unreadable);
+    EXPECT_EQ(0u, torn);
+    EXPECT_LE(rounds, removed);
+    EXPECT_LE(1u, live);
 }
 
 }  // namespace
 }  // namespace ky::test
 
-KY_TEST_MAIN(COINIT_MULTITHREADED)
+int main(int argc, char** argv) {
+    if (argc > 1 && std::string(argv[1]) == "peer") return ky::test::RunProgram(&ky::test::RunPeer);
+    return ky::test::RunAllTests(argc, argv, COINIT_MULTITHREADED, &ky::test::DllCanUnloadNow);
+}
