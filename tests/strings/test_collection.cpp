@@ -2,6 +2,7 @@
 // Add with and without uniqueness, Remove, Sort over ranges, calls by name
 // through IDispatch, aggregation and use from several threads.
 #include <algorithm>
+#include <atomic>
 #include <random>
 #include <thread>
 
@@ -195,14 +196,24 @@ TEST_F(Strings, SortRangesAreHalfOpenZeroMeansTheEndAndOnlyVariantTrueIsAscendin
 }
 
 TEST_F(Strings, SortIsStableUnderTheCompareFlagsAndLeavesTheDirtyFlag) {
-    // Under ignore-case the letter case tells equal strings apart.
-    AddAll(strings.Get(), {L"b", L"B", L"a", L"A", L"b", L"c"});
+    // Under ignore-case only the first letter counts; the rest spells each
+    // string's first position in letter case, so that ties show their order.
+    std::vector<std::wstring> texts;
+    for (int i = 0; i < 200; ++i) {
+        texts.emplace_back(1, L"bBaAc"[i * 7 % 5]);
+        for (int bit = 0; bit < 8; ++bit) texts.back().push_back((i >> bit) & 1 ? L'X' : L'x');
+        ASSERT_HR(S_OK, AddText(strings.Get(), texts.back().c_str()));
+    }
     ASSERT_HR(S_OK, strings->put_CompareFlags(NORM_IGNORECASE));
     SaveClean(strings.Get());
-    EXPECT_HR(S_OK, strings->Sort(VARIANT_TRUE, 0, 5));
-    EXPECT_EQ(L"a A b B b c", Joined(strings.Get()));
-    EXPECT_HR(S_OK, strings->Sort(VARIANT_FALSE, 0, 0));
-    EXPECT_EQ(L"c b B b a A", Joined(strings.Get()));
+    EXPECT_HR(S_OK, strings->Sort(VARIANT_TRUE, 10, 150));
+    EXPECT_HR(S_OK, strings->Sort(VARIANT_FALSE, 100, 0));
+    auto key = [](const std::wstring& text) { return towlower(text[0]); };
+    std::stable_sort(texts.begin() + 10, texts.begin() + 150, [&](auto& a, auto& b) { return key(a) < key(b); });
+    std::stable_sort(texts.begin() + 100, texts.end(), [&](auto& a, auto& b) { return key(a) > key(b); });
+    std::wstring expected;
+    for (const auto& text : texts) expected += (expected.empty() ? L"" : L" ") + text;
+    EXPECT_EQ(expected, Joined(strings.Get()));
     EXPECT_HR(S_FALSE, IsDirty(strings.Get()));
 }
 
@@ -266,12 +277,14 @@ TEST(StringsThreads, AddsFromManyThreadsAllLandAndStayUnique) {
     ComPtr<IStrings> strings = NewStrings();
     ASSERT_HR(S_OK, strings->put_UniqueStrings(VARIANT_TRUE));
     ASSERT_HR(S_OK, strings->put_CompareFlags(NORM_IGNORECASE));
+    std::atomic<int> ready{0};
     std::vector<std::thread> threads;
     for (int t = 0; t < 4; ++t) {
         threads.emplace_back([&, t] {
-            // The same 300 names from every thread in its own letter case, then 200 of its own.
-            for (int i = 0; i < 500; ++i) {
-                std::wstring text = i < 300 ? (t % 2 ? L"NAME" : L"name") : std::to_wstring(t) + L"-";
+            for (++ready; ready < 4;) std::this_thread::yield();  // all start together
+            // The same 1000 names from every thread in its own letter case, then 1000 of its own.
+            for (int i = 0; i < 2000; ++i) {
+                std::wstring text = i < 1000 ? (t % 2 ? L"NAME" : L"name") : std::to_wstring(t) + L"-";
                 AddText(strings.Get(), (text + std::to_wstring(i)).c_str());
             }
         });
@@ -279,7 +292,7 @@ TEST(StringsThreads, AddsFromManyThreadsAllLandAndStayUnique) {
     for (auto& thread : threads) thread.join();
     long count = 0;
     EXPECT_HR(S_OK, strings->get_Count(&count));
-    EXPECT_EQ(300 + 4 * 200, count);
+    EXPECT_EQ(1000 + 4 * 1000, count);
 }
 
 }  // namespace
