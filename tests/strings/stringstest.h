@@ -38,7 +38,8 @@ public:
     explicit Arg(double value) { V_VT(this) = VT_R8; V_R8(this) = value; }
     explicit Arg(const wchar_t* text) { V_VT(this) = VT_BSTR; V_BSTR(this) = ::SysAllocString(text); }
     explicit Arg(IUnknown* object) {
-        V_VT(this) = VT_UNKNOWN; V_UNKNOWN(this) = object;
+        V_VT(this) = VT_UNKNOWN;
+        V_UNKNOWN(this) = object;
         if (object) object->AddRef();
     }
     // `type` by reference to the caller's `value`.

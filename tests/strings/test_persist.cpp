@@ -35,8 +35,8 @@ TEST(StringsImage, NullEmptyAndOrdinaryStringsAreWrittenExactlyAndReadBack) {
 
 TEST(StringsPersist, ARoundTripThroughACompoundFileKeepsEverythingAndClearsDirtyFlags) {
     ComPtr<IStorage> file;  // a temporary file, gone with its last reference
-    ASSERT_HR(S_OK, ::StgCreateDocfile(nullptr, STGM_CREATE | STGM_READWRITE | STGM_SHARE_EXCLUSIVE |
-                                                    STGM_DELETEONRELEASE, 0, &file));
+    const DWORD create = STGM_CREATE | STGM_READWRITE | STGM_SHARE_EXCLUSIVE | STGM_DELETEONRELEASE;
+    ASSERT_HR(S_OK, ::StgCreateDocfile(nullptr, create, 0, &file));
     auto stream = [&](DWORD access) {
         ComPtr<IStream> stream;
         const DWORD mode = access | STGM_SHARE_EXCLUSIVE;
@@ -56,9 +56,6 @@ TEST(StringsPersist, ARoundTripThroughACompoundFileKeepsEverythingAndClearsDirty
     ASSERT_HR(S_OK, PersistOf(loaded.Get())->Load(stream(STGM_READ).Get()));
     EXPECT_HR(S_FALSE, IsDirty(loaded.Get()));
     EXPECT_EQ(Saved(strings.Get()), Saved(loaded.Get()));
-    CLSID clsid{};
-    EXPECT_HR(S_OK, PersistOf(loaded.Get())->GetClassID(&clsid));
-    EXPECT_TRUE(IsEqualCLSID(CLSID_KyStrings, clsid));
 
     // A stream that refuses writes: its failure comes back and the flag stays.
     AddAll(strings.Get(), {L"more"});
@@ -71,9 +68,6 @@ TEST(StringsPersist, ARoundTripThroughACompoundFileKeepsEverythingAndClearsDirty
 
 TEST(StringsPersist, DamagedStreamsFailWithWhatWasReadKept) {
     ComPtr<IStrings> strings = NewStrings();
-    EXPECT_HR(E_FAIL, LoadFrom(strings.Get(), Bytes{1, 0, 0}));  // shorter than the count
-    EXPECT_EQ(L"", Joined(strings.Get()));
-
     Bytes image;  // fewer records than counted
     PutUInt32(image, 3);
     PutString(image, L"one");
