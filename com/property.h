@@ -26,6 +26,13 @@ inline HRESULT GetLocked(CriticalSection& lock, const bool& field, VARIANT_BOOL*
     return S_OK;
 }
 
+// A string goes out as the caller's own copy.
+inline HRESULT GetLocked(CriticalSection& lock, const Bstr& field, BSTR* out) {
+    if (!out) return E_POINTER;
+    Lock held(lock);
+    return field.CopyTo(out);
+}
+
 template <class Field, class Value>
 HRESULT PutLocked(CriticalSection& lock, Field& field, const Value& value) {
     Lock held(lock);

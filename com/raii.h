@@ -77,6 +77,14 @@ public:
     Variant() { ::VariantInit(this); }
     Variant(const Variant&) = delete;
     Variant& operator=(const Variant&) = delete;
+    Variant(Variant&& other) noexcept { other.Detach(this); }
+    Variant& operator=(Variant&& other) noexcept {
+        if (this != &other) {
+            Clear();
+            other.Detach(this);
+        }
+        return *this;
+    }
     ~Variant() { ::VariantClear(this); }
 
     HRESULT CopyFrom(const VARIANT* source) {

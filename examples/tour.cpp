@@ -58,6 +58,21 @@ struct Bstr {
     std::string Text() const { return s ? Utf8(s, static_cast<int>(::SysStringLen(s))) : "(null)"; }
 };
 
+// Prints text line by line (LF or CR LF), TABs shown as blanks.
+void PrintLines(const std::string& text, const char* prefix) {
+    size_t start = 0;
+    while (start < text.size()) {
+        size_t end = text.find('\n', start);
+        if (end == std::string::npos) end = text.size();
+        std::string line = text.substr(start, end - start);
+        if (!line.empty() && line.back() == '\r') line.pop_back();
+        for (auto& c : line)
+            if (c == '\t') c = ' ';
+        std::printf("%s%s\n", prefix, line.c_str());
+        start = end + 1;
+    }
+}
+
 VARIANT Int(long value) {
     VARIANT v;
     ::VariantInit(&v);
@@ -410,16 +425,7 @@ void Opml(const std::wstring& folder) {
     ::ReadFile(handle, &bytes[0], static_cast<DWORD>(bytes.size()), &read, nullptr);
     ::CloseHandle(handle);
     std::printf("  saved bookmarks.opml (%lu bytes):\n", static_cast<unsigned long>(bytes.size()));
-    size_t start = 0;
-    while (start < bytes.size()) {
-        size_t end = bytes.find("\r\n", start);
-        if (end == std::string::npos) end = bytes.size();
-        std::string line = bytes.substr(start, end - start);
-        for (auto& c : line)
-            if (c == '\t') c = ' ';
-        std::printf("    | %s\n", line.c_str());
-        start = end + 2;
-    }
+    PrintLines(bytes, "    | ");
     ComPtr<IOPMLDocument> loaded;
     ComPtr<IStream> input;
     if (!Step(Create(L"Norvane.OPMLDocument", loaded), "second document") ||
@@ -497,13 +503,7 @@ void SharedConfiguration(const std::wstring& folder) {
     stream->Read(buffer, sizeof buffer - 1, &read);
     std::printf("  the element \"Tour\" of settings.cfg now holds:\n");
     std::string text(buffer, read);
-    size_t start = 0;
-    while (start < text.size()) {
-        size_t end = text.find('\n', start);
-        if (end == std::string::npos) end = text.size();
-        std::printf("    %s\n", text.substr(start, end - start).c_str());
-        start = end + 1;
-    }
+    PrintLines(text, "    ");
 }
 
 void ObjectMetadata() {

@@ -68,22 +68,6 @@ private:
 
 }  // namespace
 
-CKyLogger::Pending::Pending(ULONG channelId, KYEVENTTYPES eventType) : channel(channelId), type(eventType) {
-    ::VariantInit(&message);
-    ::VariantInit(&hint);
-}
-
-CKyLogger::Pending::Pending(Pending&& other) noexcept
-    : channel(other.channel), type(other.type), message(other.message), hint(other.hint) {
-    ::VariantInit(&other.message);
-    ::VariantInit(&other.hint);
-}
-
-CKyLogger::Pending::~Pending() {
-    ::VariantClear(&message);
-    ::VariantClear(&hint);
-}
-
 STDMETHODIMP CKyLogger::LockThreadOutput() {
     return com::Guard([&]() -> HRESULT {
         com::Lock lock(m_lock);
@@ -208,8 +192,8 @@ HRESULT CKyLogger::Enqueue(DWORD thread, Queue& queue, ULONG channelId, KYEVENTT
     if (queue.size() == queue.capacity()) queue.reserve(queue.capacity() + kQueueBlock);
     queue.emplace_back(channelId, eventType);
     Pending& entry = queue.back();
-    HRESULT hr = ::VariantCopy(&entry.message, const_cast<VARIANT*>(message));
-    if (SUCCEEDED(hr) && hint) hr = ::VariantCopy(&entry.hint, const_cast<VARIANT*>(hint));
+    HRESULT hr = entry.message.CopyFrom(message);
+    if (SUCCEEDED(hr) && hint) hr = entry.hint.CopyFrom(hint);
     if (FAILED(hr)) {
         queue.pop_back();
         return hr;

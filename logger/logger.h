@@ -47,15 +47,12 @@ private:
     // A message held back on a locked thread, with its own copies of the
     // message and the hint (the hint stays VT_EMPTY when none was given).
     struct Pending {
-        Pending(ULONG channelId, KYEVENTTYPES eventType);
-        Pending(Pending&& other) noexcept;
-        Pending& operator=(Pending&&) = delete;
-        ~Pending();
+        Pending(ULONG channelId, KYEVENTTYPES eventType) : channel(channelId), type(eventType) {}
 
         ULONG channel;
         KYEVENTTYPES type;
-        VARIANT message;
-        VARIANT hint;
+        com::Variant message;
+        com::Variant hint;
     };
     using Queue = std::vector<Pending>;
 

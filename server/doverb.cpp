@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "com/fnv.h"
 #include "doverb.h"
 #include "module.h"
 
@@ -25,16 +26,14 @@ namespace {
 
 // 64-bit FNV-1 over the UTF-16LE bytes of the lower-cased name.
 constexpr uint64_t VerbHash(const wchar_t* name) {
-    uint64_t hash = 0xCBF29CE484222325ull;
+    com::Fnv1 hash;
     for (; *name; ++name) {
         wchar_t c = *name;
         if (c >= L'A' && c <= L'Z') c = static_cast<wchar_t>(c - L'A' + L'a');
-        for (int shift = 0; shift < 16; shift += 8) {
-            hash *= 0x100000001B3ull;
-            hash ^= static_cast<uint8_t>(c >> shift);
-        }
+        hash.Add(static_cast<uint8_t>(c));
+        hash.Add(static_cast<uint8_t>(c >> 8));
     }
-    return hash;
+    return hash.Value();
 }
 
 struct Verb {

@@ -22,25 +22,20 @@
 #include <cstdint>
 #include <string>
 
+#include "com/fnv.h"
 #include "kyutils.h"
 
 namespace ky::sharedfile {
 
-inline constexpr std::uint64_t kFnvOffsetBasis = 0xCBF29CE484222325ull;
-inline constexpr std::uint64_t kFnvPrime = 0x100000001B3ull;
 inline constexpr wchar_t kBackupSuffix[] = L".kybackup";
 // How long a load, a write-back or a maintenance step waits for the lock.
 inline constexpr DWORD kLockTimeoutMs = 1000;
 
-// 64-bit FNV-1: for each byte, multiply first, then XOR.
+// 64-bit FNV-1 (multiply, then XOR) of `size` bytes.
 inline std::uint64_t Fnv1Hash64(const void* data, std::size_t size) {
-    std::uint64_t hash = kFnvOffsetBasis;
-    const unsigned char* byte = static_cast<const unsigned char*>(data);
-    for (std::size_t i = 0; i < size; ++i) {
-        hash *= kFnvPrime;
-        hash ^= byte[i];
-    }
-    return hash;
+    com::Fnv1 hash;
+    hash.Add(data, size);
+    return hash.Value();
 }
 
 // The sixteen upper-case hexadecimal digits of the hash of the path's

@@ -1,5 +1,7 @@
 #include "strings/equalityindex.h"
 
+#include "com/fnv.h"
+
 namespace ky {
 
 namespace {
@@ -8,21 +10,6 @@ namespace {
 constexpr ULONG kCoveredFlags = NORM_IGNORECASE | NORM_IGNORENONSPACE | NORM_IGNORESYMBOLS | SORT_DIGITSASNUMBERS |
                                 LINGUISTIC_IGNORECASE | LINGUISTIC_IGNOREDIACRITIC | SORT_STRINGSORT |
                                 NORM_IGNOREKANATYPE | NORM_IGNOREWIDTH | NORM_LINGUISTIC_CASING;
-
-// 64-bit FNV-1a.
-class Hash {
-public:
-    void Add(const BYTE* data, size_t size) {
-        for (size_t i = 0; i < size; ++i) {
-            m_value ^= data[i];
-            m_value *= 0x100000001B3ull;
-        }
-    }
-    uint64_t Value() const { return m_value; }
-
-private:
-    uint64_t m_value = 0xCBF29CE484222325ull;
-};
 
 }  // namespace
 
@@ -99,7 +86,7 @@ bool EqualityIndex::KeyOf(BSTR text, uint64_t* key) {
     // never equals one that does not. The class byte keeps those apart.
     UINT length = ::SysStringLen(text);
     BYTE kind = length == 0 ? 0 : text[0] == L'\0' ? 1 : 2;
-    Hash hash;
+    com::Fnv1 hash;
     hash.Add(&kind, 1);
     if (length > 0) {
         const DWORD mapFlags = LCMAP_SORTKEY | m_flags;

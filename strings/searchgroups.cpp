@@ -96,11 +96,7 @@ HRESULT CCoSearchAttributesGroup::FinalConstruct() {
     return hr;
 }
 
-STDMETHODIMP CCoSearchAttributesGroup::get_Name(BSTR* pbstrName) {
-    if (!pbstrName) return E_POINTER;
-    com::Lock lock(m_lock);
-    return m_name.CopyTo(pbstrName);
-}
+STDMETHODIMP CCoSearchAttributesGroup::get_Name(BSTR* pbstrName) { return com::GetLocked(m_lock, m_name, pbstrName); }
 
 STDMETHODIMP CCoSearchAttributesGroup::put_Name(BSTR bstrName) {
     if (::SysStringLen(bstrName) == 0) return E_INVALIDARG;

@@ -1,5 +1,6 @@
 #include "tasks/tasks.h"
 
+#include "com/property.h"
 #include "server/resultcodes.h"
 
 namespace ky {
@@ -38,12 +39,6 @@ HRESULT CKyTask::Changed(KYTASKUPDATETYPE what) {
     return m_owner ? m_owner->FireOnUpdate(this, what) : S_OK;
 }
 
-HRESULT CKyTask::GetText(const com::Bstr& field, BSTR* out) {
-    if (!out) return E_POINTER;
-    com::Lock lock(m_lock);
-    return field.CopyTo(out);
-}
-
 HRESULT CKyTask::PutText(com::Bstr& field, BSTR value, KYTASKUPDATETYPE what) {
     {
         com::Lock lock(m_lock);
@@ -56,14 +51,6 @@ HRESULT CKyTask::PutText(com::Bstr& field, BSTR value, KYTASKUPDATETYPE what) {
 }
 
 template <class T>
-HRESULT CKyTask::Get(const T& field, T* out) {
-    if (!out) return E_POINTER;
-    com::Lock lock(m_lock);
-    *out = field;
-    return S_OK;
-}
-
-template <class T>
 HRESULT CKyTask::Put(T& field, T value, KYTASKUPDATETYPE what) {
     {
         com::Lock lock(m_lock);
@@ -72,7 +59,7 @@ HRESULT CKyTask::Put(T& field, T value, KYTASKUPDATETYPE what) {
     return Changed(what);
 }
 
-STDMETHODIMP CKyTask::get_Name(BSTR* pbstrName) { return GetText(m_name, pbstrName); }
+STDMETHODIMP CKyTask::get_Name(BSTR* pbstrName) { return com::GetLocked(m_lock, m_name, pbstrName); }
 
 STDMETHODIMP CKyTask::put_Name(BSTR bstrName) {
     // A task always has a name.
@@ -80,14 +67,14 @@ STDMETHODIMP CKyTask::put_Name(BSTR bstrName) {
     return PutText(m_name, bstrName, KYTUT_NAME);
 }
 
-STDMETHODIMP CKyTask::get_Description(BSTR* pbstrName) { return GetText(m_description, pbstrName); }
+STDMETHODIMP CKyTask::get_Description(BSTR* pbstrName) { return com::GetLocked(m_lock, m_description, pbstrName); }
 
 STDMETHODIMP CKyTask::put_Description(BSTR bstrName) {
     // A description is optional: an empty one clears it.
     return PutText(m_description, ::SysStringLen(bstrName) ? bstrName : nullptr, KYTUT_DESCRIPTION);
 }
 
-STDMETHODIMP CKyTask::get_Progress(int* pnProgress) { return Get(m_progress, pnProgress); }
+STDMETHODIMP CKyTask::get_Progress(int* pnProgress) { return com::GetLocked(m_lock, m_progress, pnProgress); }
 
 STDMETHODIMP CKyTask::put_Progress(int nProgress) {
     // -1 (no figure) or a percentage.
@@ -95,7 +82,7 @@ STDMETHODIMP CKyTask::put_Progress(int nProgress) {
     return Put(m_progress, nProgress, KYTUT_PROGRESS);
 }
 
-STDMETHODIMP CKyTask::get_Flags(ULONG* pdwFlags) { return Get(m_flags, pdwFlags); }
+STDMETHODIMP CKyTask::get_Flags(ULONG* pdwFlags) { return com::GetLocked(m_lock, m_flags, pdwFlags); }
 
 STDMETHODIMP CKyTask::put_Flags(ULONG dwFlags) {
     // A two-state switch, not a bit set.
@@ -115,13 +102,10 @@ STDMETHODIMP CKyTask::get_CanCancel(VARIANT_BOOL* pvbCanCancel) {
     return S_OK;
 }
 
-STDMETHODIMP CKyTask::get_Tag(int* pnTag) { return Get(m_tag, pnTag); }
+STDMETHODIMP CKyTask::get_Tag(int* pnTag) { return com::GetLocked(m_lock, m_tag, pnTag); }
 
-STDMETHODIMP CKyTask::put_Tag(int nTag) {
-    com::Lock lock(m_lock);
-    m_tag = nTag;  // the client's own value: nobody is told
-    return S_OK;
-}
+// The client's own value: nobody is told.
+STDMETHODIMP CKyTask::put_Tag(int nTag) { return com::PutLocked(m_lock, m_tag, nTag); }
 
 STDMETHODIMP CKyTask::Delete() { return m_owner ? m_owner->Remove(this) : E_UNEXPECTED; }
 

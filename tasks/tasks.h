@@ -75,10 +75,7 @@ public:
     STDMETHODIMP GetAnimation(BSTR* pbstrModuleName, UINT* puiResourceID) override;
 
 private:
-    HRESULT GetText(const com::Bstr& field, BSTR* out);
     HRESULT PutText(com::Bstr& field, BSTR value, KYTASKUPDATETYPE what);
-    template <class T>
-    HRESULT Get(const T& field, T* out);
     template <class T>
     HRESULT Put(T& field, T value, KYTASKUPDATETYPE what);
     HRESULT Changed(KYTASKUPDATETYPE what);

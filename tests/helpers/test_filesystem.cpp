@@ -21,12 +21,6 @@ std::wstring ShellPath(int csidl) {
     return path;
 }
 
-std::wstring TempPath() {
-    wchar_t path[MAX_PATH + 1];
-    ::GetTempPathW(MAX_PATH + 1, path);
-    return path;
-}
-
 bool Exists(const std::wstring& path) { return ::GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES; }
 
 // Entries of a folder, the marker left out.
@@ -154,10 +148,8 @@ TEST_F(FileSystem, ACleanerRemovesFoldersThatNoLiveProcessOwns) {
     // What a process that died leaves: a folder whose marker nobody holds,
     // or none at all.
     GUID guid;
-    wchar_t text[40];
     ::CoCreateGuid(&guid);
-    ::StringFromGUID2(guid, text, 40);
-    const std::wstring dead = TempPath() + tempfolder::kTempFolderPrefix + text;
+    const std::wstring dead = TempPath() + tempfolder::kTempFolderPrefix + GuidText(guid);
     for (bool marked : {true, false}) {
         ASSERT_TRUE(::CreateDirectoryW(dead.c_str(), nullptr) &&
                     ::CreateDirectoryW((dead + L"\\sub").c_str(), nullptr));

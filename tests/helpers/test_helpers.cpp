@@ -22,14 +22,6 @@ VARIANT Text(BSTR text) {
     return v;
 }
 
-// The narrower types read the low bytes of the same storage.
-VARIANT Number(VARTYPE type, LONG value) {
-    VARIANT v = {};
-    V_VT(&v) = type;
-    V_I4(&v) = value;
-    return v;
-}
-
 class Helpers : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -99,19 +91,19 @@ TEST_F(Helpers, ResourceIdentifiersAreNamesOrTheLow16BitsOfIntegers) {
     com::Bstr typelib(L"TYPELIB"), unknown(L"NOSUCH.XSD");
     ComPtr<IStream> stream;
     for (VARTYPE type : {VT_I2, VT_UI2, VT_I4, VT_UI4, VT_INT, VT_UINT})
-        EXPECT_HR(S_OK, Load(Text(typelib), Number(type, 1), &stream)) << type;
-    EXPECT_HR(S_OK, Load(Text(typelib), Number(VT_I4, 0x7FFF0001), &stream));
-    EXPECT_HR(S_OK, Load(Text(typelib), Number(VT_UI4, static_cast<LONG>(0xABCD0001)), &stream));
-    EXPECT_HR(E_FAIL, Load(Number(VT_I4, 10), Number(VT_I4, 1), &stream));  // no RT_RCDATA 1
+        EXPECT_HR(S_OK, Load(Text(typelib), Number(1, type), &stream)) << type;
+    EXPECT_HR(S_OK, Load(Text(typelib), Number(0x7FFF0001, VT_I4), &stream));
+    EXPECT_HR(S_OK, Load(Text(typelib), Number(static_cast<LONG>(0xABCD0001), VT_UI4), &stream));
+    EXPECT_HR(E_FAIL, Load(Number(10, VT_I4), Number(1, VT_I4), &stream));  // no RT_RCDATA 1
     EXPECT_HR(E_FAIL, Load(Text(typelib), Text(unknown), &stream));
 
     // Any other type, by-reference ones included, is refused; the result is
     // left alone.
     BSTR raw = typelib;
-    VARIANT byRef = Number(VT_BSTR | VT_BYREF, 0), name = Text(typelib);
+    VARIANT byRef = Number(0, VT_BSTR | VT_BYREF), name = Text(typelib);
     V_BSTRREF(&byRef) = &raw;
     IStream* untouched = reinterpret_cast<IStream*>(0x10);
-    for (VARIANT bad : {Number(VT_UI1, 1), Number(VT_R8, 0), Number(VT_EMPTY, 0), Text(nullptr), byRef})
+    for (VARIANT bad : {Number(1, VT_UI1), Number(0, VT_R8), Number(0, VT_EMPTY), Text(nullptr), byRef})
         EXPECT_HR(E_INVALIDARG, m_resources->LoadResource(&name, &bad, &untouched)) << V_VT(&bad);
     EXPECT_HR(E_INVALIDARG, m_resources->LoadResource(nullptr, &name, &untouched));
     EXPECT_HR(E_INVALIDARG, m_resources->LoadResource(&name, &name, nullptr));

@@ -15,9 +15,7 @@ namespace ky::test {
 namespace {
 
 std::wstring KeyOf(const CLSID& page) {
-    wchar_t text[40];
-    ::StringFromGUID2(page, text, 40);
-    return std::wstring(L"CLSID\\") + text;
+    return L"CLSID\\" + GuidText(page);
 }
 
 void Store(const CLSID& page, const wchar_t* name, DWORD type, const void* data, DWORD size) {

@@ -17,13 +17,6 @@ Texts Numbered(int from, int to) {
     return texts;
 }
 
-VARIANT Number(LONG value) {
-    VARIANT v;
-    V_VT(&v) = VT_I4;
-    V_I4(&v) = value;
-    return v;
-}
-
 TEST_F(Logger, ChannelOperationsReportTheirOwnCodes) {
     Channel(101, LET_ERROR);
     EXPECT_HR(CO_E_OBJISREG, logger->RegisterChannel(101, com::Bstr(L""), 0));  // the identifier is tested first

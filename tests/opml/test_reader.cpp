@@ -151,9 +151,7 @@ const struct {
 // read. The same document without one (a mention in a comment is none)
 // loads in every form.
 TEST(Reader, DocumentsWithADtdLoadNothingInAnyInputForm) {
-    wchar_t folder[MAX_PATH];
-    ::GetTempPathW(MAX_PATH, folder);
-    const std::wstring secret = std::wstring(folder) + L"opml_reader_secret.txt";
+    const std::wstring secret = TempPath() + L"opml_reader_secret.txt";
     std::ofstream(Narrow(secret)) << "SECRET-CONTENT";
     std::wstring url = L"file:///" + secret;
     for (auto& c : url) c = c == L'\\' ? L'/' : c;

@@ -114,11 +114,9 @@ TEST_F(ClassObjects, AggregationIsGrantedOrRefusedPerClass) {
 }
 
 TEST_F(ClassObjects, TheProxyStubClassObjectIsServedFirst) {
-    std::wstring key = L"Interface\\";
-    wchar_t iid[40];
-    ::StringFromGUID2(IID_IObjectGodfather, iid, 40);
     std::wstring proxyStub;
-    ASSERT_TRUE(ReadRegString(HKEY_CLASSES_ROOT, key + iid + L"\\ProxyStubClsid32", nullptr, &proxyStub));
+    ASSERT_TRUE(ReadRegString(HKEY_CLASSES_ROOT, L"Interface\\" + GuidText(IID_IObjectGodfather) + L"\\ProxyStubClsid32",
+                              nullptr, &proxyStub));
     CLSID clsid;
     ASSERT_HR(S_OK, ::CLSIDFromString(proxyStub.c_str(), &clsid));
     ComPtr<IPSFactoryBuffer> buffer;

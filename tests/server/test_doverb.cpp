@@ -110,12 +110,6 @@ TEST(DoVerb, UnregisterAndRegisterChangeTheRegistry) {
     EXPECT_TRUE(Contains(r.output, "Registered ")) << r.output;
 }
 
-std::wstring TempPath() {
-    wchar_t temp[MAX_PATH];
-    ::GetTempPathW(MAX_PATH, temp);
-    return temp;
-}
-
 // A compound file with a stream, and a storage holding another stream.
 std::wstring MakeConfigFile() {
     std::wstring path = TempPath() + L"doverb-config.stg";

@@ -11,12 +11,6 @@ using Microsoft::WRL::ComPtr;
 namespace ky::test {
 namespace {
 
-std::wstring GuidText(const GUID& guid) {
-    wchar_t text[40];
-    ::StringFromGUID2(guid, text, 40);
-    return text;
-}
-
 std::wstring Lower(std::wstring text) {
     for (auto& c : text) c = static_cast<wchar_t>(::towlower(c));
     return text;

@@ -142,13 +142,11 @@ TEST_F(CrossProcess, OfTwoHoldersTheOneReleasedLastWinsThoughItWroteNothing) {
 }
 
 std::vector<std::wstring> PrivateTempFolders() {
-    wchar_t temp[MAX_PATH + 1];
-    ::GetTempPathW(MAX_PATH + 1, temp);
     std::vector<std::wstring> folders;
     WIN32_FIND_DATAW found;
-    HANDLE find = ::FindFirstFileW((std::wstring(temp) + tempfolder::kTempFolderPrefix + L"*").c_str(), &found);
+    HANDLE find = ::FindFirstFileW((TempPath() + tempfolder::kTempFolderPrefix + L"*").c_str(), &found);
     if (find == INVALID_HANDLE_VALUE) return folders;
-    do folders.push_back(std::wstring(temp) + found.cFileName + L"\\");
+    do folders.push_back(TempPath() + found.cFileName + L"\\");
     while (::FindNextFileW(find, &found));
     ::FindClose(find);
     return folders;

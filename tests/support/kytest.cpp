@@ -133,6 +133,18 @@ DWORD WINAPI StaThread::Main(void* p) {
     return 0;
 }
 
+std::wstring TempPath() {
+    wchar_t path[MAX_PATH + 1];
+    ::GetTempPathW(MAX_PATH + 1, path);
+    return path;
+}
+
+std::wstring GuidText(const GUID& guid) {
+    wchar_t text[40];
+    ::StringFromGUID2(guid, text, 40);
+    return text;
+}
+
 std::string Narrow(const std::wstring& text) {
     if (text.empty()) return std::string();
     int size = ::WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), nullptr, 0, nullptr, nullptr);

@@ -46,6 +46,21 @@ private:
     HANDLE m_ready = nullptr;
 };
 
+// A VARIANT holding a number (the narrower types read the low bytes of the
+// same storage); nothing to free.
+inline VARIANT Number(LONG value, VARTYPE type = VT_I4) {
+    VARIANT v = {};
+    V_VT(&v) = type;
+    V_I4(&v) = value;
+    return v;
+}
+
+// The system's temporary folder, with its trailing backslash.
+std::wstring TempPath();
+
+// "{...}", as the registry writes GUIDs.
+std::wstring GuidText(const GUID& guid);
+
 std::string Narrow(const std::wstring& text);
 std::wstring Widen(const std::string& text);
 // "0x80041021" for readable failure messages.

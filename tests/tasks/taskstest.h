@@ -117,13 +117,6 @@ inline std::wstring State(IKyTask* task) {
     return NameOf(task) + text;
 }
 
-inline VARIANT Index(LONG value) {
-    VARIANT v;
-    V_VT(&v) = VT_I4;
-    V_I4(&v) = value;
-    return v;
-}
-
 // The task list is one object for the whole process: the fixture takes away
 // every task and listener a test leaves behind.
 class TasksTest : public ::testing::Test {
@@ -137,7 +130,7 @@ protected:
     void TearDown() override {
         for (DWORD cookie : m_cookies) point->Unadvise(cookie);
         ComPtr<IKyTask> first;
-        while (SUCCEEDED(tasks->get_Item(Index(0), &first)) && SUCCEEDED(tasks->Remove(first.Get()))) {
+        while (SUCCEEDED(tasks->get_Item(Number(0), &first)) && SUCCEEDED(tasks->Remove(first.Get()))) {
         }
     }
 

@@ -107,10 +107,10 @@ TEST_F(Tasks, AddAndItemCheckTheirArguments) {
     EXPECT_EQ(0u, sink->Count());
 
     for (const wchar_t* name : {L"First", L"Second", L"Last"}) Add(name);
-    EXPECT_EQ(L"First", Item(Index(0)));
-    EXPECT_EQ(L"Last", Item(Index(Count() - 1)));
-    Item(Index(Count()), E_INVALIDARG);
-    Item(Index(-1), E_INVALIDARG);
+    EXPECT_EQ(L"First", Item(Number(0)));
+    EXPECT_EQ(L"Last", Item(Number(Count() - 1)));
+    Item(Number(Count()), E_INVALIDARG);
+    Item(Number(-1), E_INVALIDARG);
     // Any value that converts to a number is a position; a name is not.
     com::Variant index;
     V_VT(&index) = VT_BSTR;
@@ -120,7 +120,7 @@ TEST_F(Tasks, AddAndItemCheckTheirArguments) {
     Item(index, DISP_E_TYPEMISMATCH);
     index.Clear();
     Item(index, E_INVALIDARG);  // no index at all is not position 0
-    VARIANT two = Index(2), byRef;
+    VARIANT two = Number(2), byRef;
     V_VT(&byRef) = VT_VARIANT | VT_BYREF;
     V_VARIANTREF(&byRef) = &two;  // how a script passes a variable
     EXPECT_EQ(L"Last", Item(byRef));
@@ -139,7 +139,7 @@ TEST_F(Tasks, RemoveAndDeleteTakeATaskOutOnce) {
     EXPECT_HR(S_OK, self->Delete());
     EXPECT_HR(E_UNEXPECTED, self->Delete());
     EXPECT_EQ(1, Count());
-    EXPECT_EQ(L"Keep", Item(Index(0)));
+    EXPECT_EQ(L"Keep", Item(Number(0)));
     // Off the list, a task still works and still tells the listeners.
     EXPECT_HR(S_OK, go->put_Progress(10));
     EXPECT_EQ((Texts{L"2(Go)", L"2(Self)", L"3(ui4 4, Go)"}), sink->Calls());
