@@ -88,7 +88,7 @@ void RunOnThread(DWORD coinit, const std::function<void()>& body) {
     } context{coinit, &body};
     HANDLE thread = ::CreateThread(
         nullptr, 0,
-        [](void* p) -> DWORD {
+        [](void* p) WINAPI -> DWORD {
             auto* c = static_cast<Context*>(p);
             ::CoInitializeEx(nullptr, c->coinit);
             (*c->body)();

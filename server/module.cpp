@@ -93,11 +93,51 @@ void CKyUtilsModule::Term() {
     if (releaseObjects) ReleaseTypeInfo();
 }
 
+namespace {
+
+std::wstring GuidText(const GUID& guid) {
+    wchar_t text[40];
+    ::StringFromGUID2(guid, text, 40);
+    return text;
+}
+
+// On a 64-bit system the 32-bit and the 64-bit build of this library are
+// registered side by side: class keys live in a registry view of each
+// architecture, ProgIDs and type-library keys are shared. This is the other
+// architecture's view, or 0 where there is none (a 32-bit system).
+REGSAM OtherArchitectureView() {
+#ifdef _WIN64
+    return KEY_WOW64_32KEY;
+#else
+    BOOL wow64 = FALSE;
+    return ::IsWow64Process(::GetCurrentProcess(), &wow64) && wow64 ? KEY_WOW64_64KEY : 0;
+#endif
+}
+
+// Whether the other architecture's build still serves the class.
+bool OtherArchitectureServes(const CLSID& clsid) {
+    const REGSAM view = OtherArchitectureView();
+    if (!view) return false;
+    com::RegKey key;
+    return key.Open(HKEY_CLASSES_ROOT, (L"CLSID\\" + GuidText(clsid) + L"\\InprocServer32").c_str(),
+                    KEY_READ | view) == ERROR_SUCCESS;
+}
+
+}  // namespace
+
 HRESULT CKyUtilsModule::RegisterClasses(bool reg) {
     const std::wstring path = Path();
     const com::Replacements replacements = ScriptReplacements();
     for (size_t i = 0; i < ObjectMapSize(); ++i) {
-        HRESULT hr = com::RunRegistryScript(path, ObjectMap()[i].registryScript, reg, replacements);
+        const ObjectMapEntry& entry = ObjectMap()[i];
+        HRESULT hr;
+        if (!reg && OtherArchitectureServes(*entry.clsid)) {
+            // The shared ProgIDs stay for the other build: only this view's class key goes.
+            LSTATUS status = ::RegDeleteTreeW(HKEY_CLASSES_ROOT, (L"CLSID\\" + GuidText(*entry.clsid)).c_str());
+            hr = status == ERROR_FILE_NOT_FOUND ? S_OK : HRESULT_FROM_WIN32(status);
+        } else {
+            hr = com::RunRegistryScript(path, entry.registryScript, reg, replacements);
+        }
         if (FAILED(hr)) return hr;
     }
     return S_OK;
@@ -107,9 +147,7 @@ namespace {
 
 // TypeLib\{LIBID}\<major>.<minor>\0: the library under the neutral locale.
 std::wstring NeutralLocaleKey(const TLIBATTR& lib) {
-    wchar_t libid[40];
-    ::StringFromGUID2(lib.guid, libid, 40);
-    return std::wstring(L"TypeLib\\") + libid + L"\\" + std::to_wstring(lib.wMajorVerNum) + L"." +
+    return L"TypeLib\\" + GuidText(lib.guid) + L"\\" + std::to_wstring(lib.wMajorVerNum) + L"." +
            std::to_wstring(lib.wMinorVerNum) + L"\\0";
 }
 
@@ -141,7 +179,12 @@ HRESULT CKyUtilsModule::RegisterTypeLibrary(bool reg) {
                                       static_cast<DWORD>((path.size() + 1) * sizeof(wchar_t)));
         return HRESULT_FROM_WIN32(status);
     }
-    if (lib.lcid != 0) ::RegDeleteTreeW(HKEY_CLASSES_ROOT, neutral.c_str());
+    if (lib.lcid != 0) {
+        // The type-library keys are shared between the architectures: only
+        // this platform's entry goes, and the locale key once it is empty.
+        ::RegDeleteTreeW(HKEY_CLASSES_ROOT, (neutral + platform).c_str());
+        ::RegDeleteKeyW(HKEY_CLASSES_ROOT, neutral.c_str());
+    }
     // Removing a library that is not registered is not a failure.
     BSTR registeredPath = nullptr;
     if (FAILED(::QueryPathOfRegTypeLib(lib.guid, lib.wMajorVerNum, lib.wMinorVerNum, lib.lcid, &registeredPath)))

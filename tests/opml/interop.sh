@@ -3,9 +3,9 @@
 # OPML files (under Wine, to a Z: path), xmllint checks that each is
 # well-formed XML, and the "opml" package from the npm registry reads each
 # back with the same outline tree.
-#   interop.sh <wine prefix> <opml_samples.exe> <work folder> <this folder>
+#   interop.sh <arch> <wine prefix> <opml_samples.exe> <work folder> <this folder>
 set -e
-prefix=$1 program=$2 work=$3 here=$4
+arch=$1 prefix=$2 program=$3 work=$4 here=$5
 
 # The npm package, installed from the lock file into the build tree once.
 npm_dir="$work/npm"
@@ -18,7 +18,7 @@ fi
 
 samples="$work/samples"
 rm -rf "$samples" && mkdir -p "$samples"
-OPML_SAMPLES_DIR="Z:$(echo "$samples" | sed 's#/#\\#g')" "$here/../../cmake/wine-run.sh" "$prefix" "$program"
+OPML_SAMPLES_DIR="Z:$(echo "$samples" | sed 's#/#\\#g')" "$here/../../cmake/wine-run.sh" "$arch" "$prefix" "$program"
 
 count=0
 for file in "$samples"/*.opml; do

@@ -171,7 +171,8 @@ int RunProgram(int (*body)(int argc, wchar_t** argv)) {
 }
 
 ChildProcess::ChildProcess(const wchar_t* program, const std::wstring& arguments) {
-    const std::wstring path = BesideThisProgram(program);
+    const std::wstring name = program;
+    const std::wstring path = name.find_first_of(L"\\:") == std::wstring::npos ? BesideThisProgram(name) : name;
     std::wstring commandLine = L"\"" + path + L"\" " + arguments;
     STARTUPINFOW startup = {sizeof startup};
     PROCESS_INFORMATION info = {};

@@ -75,7 +75,8 @@ bool AwaitEvent(const std::wstring& name, DWORD ms = INFINITE);
 // with the program's arguments in the multithreaded apartment.
 int RunProgram(int (*body)(int argc, wchar_t** argv));
 
-// A program next to this one; killed if still running when destroyed.
+// A program given by its path, or by its name when next to this one; killed
+// if still running when destroyed.
 class ChildProcess {
 public:
     ChildProcess(const wchar_t* program, const std::wstring& arguments);

@@ -21,6 +21,15 @@ namespace {
 constexpr wchar_t kPeer[] = L"sharedconfig_crossprocess.exe";
 constexpr DWORD kTimeout = 60000;
 
+// The program of peer number `n`: this one, or for odd numbers, when
+// KY_PEER_PROGRAM names the other architecture's build of it, that one, so
+// that 32-bit and 64-bit processes share the files.
+std::wstring PeerProgram(unsigned n = 1) {
+    wchar_t other[MAX_PATH];
+    DWORD length = ::GetEnvironmentVariableW(L"KY_PEER_PROGRAM", other, MAX_PATH);
+    return n % 2 == 1 && length > 0 && length < MAX_PATH ? other : kPeer;
+}
+
 // Takes the file's lock (its name computed here, from the user and the
 // path's hash) and keeps it until released, or killed.
 int HoldLock(const std::wstring& file, const std::wstring& ready, const std::wstring& release) {
@@ -89,7 +98,7 @@ std::wstring Quoted(const std::wstring& text) { return L"\"" + text + L"\""; }
 // A peer that says "ready" and then waits for "release".
 struct Peer {
     explicit Peer(const std::wstring& command)
-        : process(kPeer, command + L" " + ready.Name() + L" " + release.Name()) {}
+        : process(PeerProgram().c_str(), command + L" " + ready.Name() + L" " + release.Name()) {}
     bool Ready() { return process.Started() && AwaitEvent(ready.Name(), kTimeout); }
     DWORD Release() { return SignalEvent(release.Name()) ? process.Wait(kTimeout) : STILL_ACTIVE; }
     NamedEvent ready, release;
@@ -158,7 +167,7 @@ TEST(CrossProcessRuns, ManyProcessesLeaveEveryElementAsOneCompleteWrite) {
     std::vector<std::unique_ptr<ChildProcess>> workers;
     for (int id = 1; id <= 6; ++id)
         workers.push_back(std::make_unique<ChildProcess>(
-            kPeer, L"peer worker " + Quoted(file) + L" " + std::to_wstring(id) + L" 40"));
+            PeerProgram(id).c_str(), L"peer worker " + Quoted(file) + L" " + std::to_wstring(id) + L" 40"));
     unsigned failures = 0;
     for (auto& worker : workers) {
         const DWORD code = worker->Wait(600000);
