@@ -8,7 +8,7 @@
 # processes would otherwise inherit ctest's pipes and hold them open.
 #   wine-run.sh <x86_64|i686> <prefix> <program> [arguments...]
 arch=$1
-prefix=$2
+prefix=$(realpath -m "$2")
 shift 2
 case $arch in
   x86_64) loader=/usr/lib/wine/wine64 ;;
@@ -19,8 +19,10 @@ if [ ! -x "$loader" ]; then
   echo "wine-run.sh: no Wine loader for $arch ($loader is missing); scripts/deps.sh installs it" >&2
   exit 2
 fi
+# No debugger on an unhandled exception: Wine's would report it and let the
+# process end with exit code 0, so a crash would pass for success.
 log=$(mktemp)
-WINEPREFIX=$prefix WINEDEBUG=${WINEDEBUG:--all} WINEDLLOVERRIDES="mscoree,mshtml=" \
+WINEPREFIX=$prefix WINEDEBUG=${WINEDEBUG:--all} WINEDLLOVERRIDES="mscoree,mshtml=;winedbg.exe=d" \
   "$loader" "$@" </dev/null >"$log" 2>&1
 rc=$?
 cat "$log"
