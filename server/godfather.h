@@ -4,6 +4,7 @@
 // crosses the apartment boundary, COM marshals the answer into the caller's.
 #pragma once
 
+#include "com/faultguard.h"
 #include "com/object.h"
 #include "kyutils.h"
 
@@ -16,12 +17,20 @@ public:
         if (dwUnkPtr == 0) return E_INVALIDARG;
         if (!ppvObject) return E_POINTER;
         *ppvObject = nullptr;
-        try {
-            // The reference QueryInterface adds is the caller's; the godfather keeps nothing.
-            return reinterpret_cast<IUnknown*>(dwUnkPtr)->QueryInterface(riid, ppvObject);
-        } catch (...) {
-            return E_UNEXPECTED;
-        }
+        // The pointer is the caller's word that an object lives there; a
+        // dangling one faults, which is answered like any exception.
+        HRESULT hr = com::CallCatchingFaults(
+            [&]() -> HRESULT {
+                try {
+                    // The reference QueryInterface adds is the caller's; the godfather keeps nothing.
+                    return reinterpret_cast<IUnknown*>(dwUnkPtr)->QueryInterface(riid, ppvObject);
+                } catch (...) {
+                    return E_UNEXPECTED;
+                }
+            },
+            E_UNEXPECTED);
+        if (FAILED(hr)) *ppvObject = nullptr;  // whatever a failing call left there
+        return hr;
     }
 };
 

@@ -3,6 +3,7 @@
 #include <wrl/client.h>
 
 #include <atomic>
+#include <cstring>
 
 #include "kytest.h"
 
@@ -102,6 +103,45 @@ TEST(Godfather, RefusesBadArguments) {
     EXPECT_HR(E_NOINTERFACE,
               godfather->IntroduceIntoApartment(reinterpret_cast<ULONG_PTR>(probe.Get()), IID_IStream, &out));
     EXPECT_EQ(nullptr, out);
+}
+
+// A pointer to freed memory, a small integer, and an object whose table
+// points to freed memory: the call faults, in this apartment or in the STA
+// godfather's, and the godfather answers E_UNEXPECTED instead of dying.
+TEST(Godfather, ADanglingPointerIsAnsweredWithEUnexpected) {
+    auto freedPage = [](void* content, size_t size) {
+        void* page = ::VirtualAlloc(nullptr, 4096, MEM_COMMIT | MEM_RESERVE, PAGE_READWRITE);
+        std::memcpy(page, content, size);
+        ::VirtualFree(page, 0, MEM_RELEASE);
+        return page;
+    };
+    Probe* probe = new Probe;
+    void* const freedObject = freedPage(probe, sizeof(void*));  // a copy of the object, then gone
+    void* freedTable = freedPage(*reinterpret_cast<void**>(probe), 3 * sizeof(void*));
+    void* const objectWithFreedTable = &freedTable;  // its first word points to the freed table
+    probe->Release();
+    auto introduce = [&](IObjectGodfather* godfather) {
+        for (void* pointer : {freedObject, reinterpret_cast<void*>(16), objectWithFreedTable}) {
+            void* out = reinterpret_cast<void*>(1);
+            EXPECT_HR(E_UNEXPECTED, godfather->IntroduceIntoApartment(reinterpret_cast<ULONG_PTR>(pointer),
+                                                                      IID_IUnknown, &out));
+            EXPECT_EQ(nullptr, out);
+        }
+    };
+    ComPtr<IObjectGodfather> godfather;
+    ASSERT_HR(S_OK, ::CoCreateInstance(CLSID_MTAObjectGodfather, nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&godfather)));
+    introduce(godfather.Get());
+    // The STA godfather, called from here, runs on its own thread: the fault is caught there.
+    StaThread sta;
+    IStream* marshaled = nullptr;
+    sta.Run([&] {
+        ComPtr<IObjectGodfather> staGodfather;
+        ASSERT_HR(S_OK, ::CoCreateInstance(CLSID_STAObjectGodfather, nullptr, CLSCTX_INPROC_SERVER,
+                                           IID_PPV_ARGS(&staGodfather)));
+        ASSERT_HR(S_OK, ::CoMarshalInterThreadInterfaceInStream(IID_IObjectGodfather, staGodfather.Get(), &marshaled));
+    });
+    ASSERT_HR(S_OK, ::CoGetInterfaceAndReleaseStream(marshaled, IID_PPV_ARGS(godfather.ReleaseAndGetAddressOf())));
+    introduce(godfather.Get());
 }
 
 TEST(Godfather, BothGodfathersAreSingletons) {
