@@ -10,6 +10,7 @@
 #include "com/raii.h"
 #include "doverb.h"
 #include "helpers/tempfolder.h"
+#include "sharedconfig/journal.h"
 #include "sharedconfig/sharedfile.h"
 
 namespace ky {
@@ -62,10 +63,12 @@ int ListConfig(Console& out, const std::vector<std::wstring>& args) {
                  std::to_wstring(sharedfile::kLockTimeoutMs) + L" ms: the file is in use.");
         return 1;
     }
-    if (sharedfile::RestoreInterruptedWriteBack(path))
-        out.Line(L"(an interrupted write-back was undone first)");
+    // Opened as the store opens it, so a write-back killed half-way is
+    // rolled back before anything is listed.
+    com::ComPtr<sharedfile::CJournaledFile> file;
     com::ComPtr<IStorage> root;
-    hr = ::StgOpenStorage(path, nullptr, STGM_READ | STGM_SHARE_EXCLUSIVE, nullptr, 0, &root);
+    hr = sharedfile::CJournaledFile::Open(path, false, file);
+    if (SUCCEEDED(hr)) hr = file->OpenStorage(STGM_READ | STGM_SHARE_EXCLUSIVE, false, &root);
     if (FAILED(hr)) {
         out.Line(L"Cannot open " + args[0] + L": " + HResultText(hr));
         return 1;

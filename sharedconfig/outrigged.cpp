@@ -1,6 +1,7 @@
 #include "sharedconfig/outrigged.h"
 
 #include "helpers/helpers.h"
+#include "sharedconfig/journal.h"
 #include "sharedconfig/sharedfile.h"
 
 namespace ky {
@@ -38,33 +39,38 @@ HRESULT COutriggedMedium::LoadUnderLock(CopyIn copyIn) {
     // Declared first, so released last: after the shared file.
     sharedfile::FileLock lock(m_mutex.Get());
     if (!lock.Held()) return E_FAIL;
-    sharedfile::RestoreInterruptedWriteBack(m_filePath);
-    // Creating without STGM_CREATE succeeds only where there is no file yet.
-    com::ComPtr<IStorage> root;
-    HRESULT hr = ::StgCreateDocfile(m_filePath, kSharedMode, 0, &root);
-    if (FAILED(hr)) hr = ::StgOpenStorage(m_filePath, nullptr, kSharedMode, nullptr, 0, root.ReleaseAndGetAddressOf());
+    // Created where there is no file yet; otherwise opened, with what the
+    // opening gives when it cannot be.
+    com::ComPtr<sharedfile::CJournaledFile> file;
+    HRESULT hr = sharedfile::CJournaledFile::Open(m_filePath, true, file);
     if (FAILED(hr)) return hr;
-    return copyIn(root.Get());
+    {
+        com::ComPtr<IStorage> root;
+        hr = file->OpenStorage(kSharedMode, true, &root);
+        if (SUCCEEDED(hr)) hr = copyIn(root.Get());
+    }
+    file->EndSession();
+    return hr;
 }
 
 template <class CopyOut>
 void COutriggedMedium::WriteBackUnderLock(CopyOut copyOut) {
     sharedfile::FileLock lock(m_mutex.Get());
     if (!lock.Held()) return;
-    sharedfile::RestoreInterruptedWriteBack(m_filePath);
-    // Should this process die half-way, the next lock holder puts the backup back.
-    bool backedUp = sharedfile::BackUpBeforeWriteBack(m_filePath);
+    // Opening only: the file is never created at write-back.
+    com::ComPtr<sharedfile::CJournaledFile> file;
+    if (FAILED(sharedfile::CJournaledFile::Open(m_filePath, false, file))) return;
     {
-        // Opening only: the file is never created at write-back.
         com::ComPtr<IStorage> root;
-        if (SUCCEEDED(::StgOpenStorage(m_filePath, nullptr, kSharedMode, nullptr, 0, &root))) {
+        if (SUCCEEDED(file->OpenStorage(kSharedMode, false, &root))) {
             HRESULT hr = root->DestroyElement(m_elementName);
             if ((SUCCEEDED(hr) || hr == STG_E_FILENOTFOUND) && SUCCEEDED(root->Commit(STGC_DEFAULT)))
                 copyOut(root.Get());
         }
     }
-    // A failed step leaves the file as it left it, as an uninterrupted one would.
-    if (backedUp) sharedfile::EndWriteBack(m_filePath);
+    // A failed step leaves the file as it left it; only a process killed
+    // half-way, or a failed write, has its writes rolled back.
+    file->EndSession();
 }
 
 HRESULT COutriggedStorage::Load() {

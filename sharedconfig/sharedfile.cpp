@@ -33,30 +33,4 @@ HRESULT OpenFileMutex(const wchar_t* path, HANDLE* mutex) {
     return OpenFileMutex(helper.Get(), path, std::wcslen(path), mutex);
 }
 
-namespace {
-
-std::wstring PartialBackupPath(const wchar_t* path) { return BackupPath(path) + L".partial"; }
-
-}  // namespace
-
-bool BackUpBeforeWriteBack(const wchar_t* path) {
-    const std::wstring partial = PartialBackupPath(path);
-    if (!::CopyFileW(path, partial.c_str(), FALSE)) return false;
-    // Only a complete copy ever carries the backup's name.
-    if (!::MoveFileExW(partial.c_str(), BackupPath(path).c_str(), MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH)) {
-        ::DeleteFileW(partial.c_str());
-        return false;
-    }
-    return true;
-}
-
-void EndWriteBack(const wchar_t* path) { ::DeleteFileW(BackupPath(path).c_str()); }
-
-bool RestoreInterruptedWriteBack(const wchar_t* path) {
-    ::DeleteFileW(PartialBackupPath(path).c_str());
-    const std::wstring backup = BackupPath(path);
-    if (::GetFileAttributesW(backup.c_str()) == INVALID_FILE_ATTRIBUTES) return false;
-    return ::MoveFileExW(backup.c_str(), path, MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH) != FALSE;
-}
-
 }  // namespace ky::sharedfile

@@ -6,14 +6,8 @@
 // by the helper object. The hash must stay exactly as it is: processes of
 // other builds compute the same name for the same file.
 //
-// A write-back rewrites the file in place, in direct mode, so a process that
-// dies half-way would leave a compound file rewritten up to some sector.
-// Before it starts, the write-back therefore puts a complete copy of the
-// file beside it, <path> + kBackupSuffix (made under a temporary name and
-// renamed, so a backup that exists is whole), and deletes it when it is
-// done. Whoever takes the lock next and finds a backup puts it back over the
-// file first (RestoreInterruptedWriteBack): the interrupted write-back then
-// never happened.
+// While a process holds the lock it opens the file through CJournaledFile
+// (journal.h), which makes what it writes all-or-nothing should it die.
 #pragma once
 
 #include <windows.h>
@@ -27,7 +21,6 @@
 
 namespace ky::sharedfile {
 
-inline constexpr wchar_t kBackupSuffix[] = L".kybackup";
 // How long a load, a write-back or a maintenance step waits for the lock.
 inline constexpr DWORD kLockTimeoutMs = 1000;
 
@@ -49,19 +42,6 @@ inline std::wstring PathHashDigits(const wchar_t* path, std::size_t length) {
     for (int i = 15; i >= 0; --i, hash >>= 4) digits[i] = L"0123456789ABCDEF"[hash & 0xF];
     return digits;
 }
-
-// The copy of the file at `path` that a write-back keeps while it runs.
-inline std::wstring BackupPath(const wchar_t* path) { return std::wstring(path) + kBackupSuffix; }
-
-// Under the lock: makes the backup of the file at `path` before a write-back.
-// False when there is no file to back up (the write-back then finds none
-// either).
-bool BackUpBeforeWriteBack(const wchar_t* path);
-// Under the lock: the write-back is over, whatever its steps did.
-void EndWriteBack(const wchar_t* path);
-// Under the lock: puts back the backup that a write-back killed half-way
-// left behind, if there is one. True when it restored one.
-bool RestoreInterruptedWriteBack(const wchar_t* path);
 
 // Creates or opens the named mutex of the shared file at `path` (`length`
 // characters), its name made by `helper` with both flags set. E_FAIL when

@@ -47,18 +47,18 @@ bool ForEachElement(IStorage* storage, Visit visit) {
 namespace records {
 
 // Both targets are little-endian.
-std::string Make(std::uint32_t writer, std::uint32_t sequence) {
-    const std::uint32_t header[] = {writer, sequence, 40 + (writer * 977u + sequence * 131u) % 6000u};
+std::string Make(std::uint32_t writer, std::uint32_t sequence, std::uint32_t length) {
+    const std::uint32_t header[] = {writer, sequence, length ? length : 40 + (writer * 977u + sequence * 131u) % 6000u};
     std::string record = "KYR1" + std::string(reinterpret_cast<const char*>(header), sizeof header);
     for (std::uint32_t i = 0; i < header[2]; ++i) record.push_back(static_cast<char>(writer * 31u + sequence * 7u + i));
     return record;
 }
 
 Kind Check(const std::string& bytes) {
-    std::uint32_t header[2] = {};
+    std::uint32_t header[3] = {};
     if (bytes.empty()) return Kind::Empty;
-    if (bytes.size() >= 12) std::memcpy(header, bytes.data() + 4, sizeof header);
-    return bytes == Make(header[0], header[1]) ? Kind::Valid : Kind::Torn;
+    if (bytes.size() >= 16) std::memcpy(header, bytes.data() + 4, sizeof header);
+    return header[2] && bytes == Make(header[0], header[1], header[2]) ? Kind::Valid : Kind::Torn;
 }
 
 }  // namespace records

@@ -17,11 +17,11 @@ namespace ky::test {
 // Records whose every write is recognisable when read back: "KYR1", writer,
 // sequence and payload length (32 bits each, low byte first), then byte i of
 // the payload is (writer * 31 + sequence * 7 + i) mod 256. Lengths run from
-// 40 to 6039 bytes, on both sides of the compound file's 4096-byte
-// small-stream limit. check_olefile.py reads the same layout.
+// 40 to 6039 bytes unless given, on both sides of the compound file's
+// 4096-byte small-stream limit. check_olefile.py reads the same layout.
 namespace records {
 enum class Kind { Empty, Valid, Torn };
-std::string Make(std::uint32_t writer, std::uint32_t sequence);
+std::string Make(std::uint32_t writer, std::uint32_t sequence, std::uint32_t length = 0);
 Kind Check(const std::string& bytes);
 }  // namespace records
 

@@ -72,18 +72,35 @@ TEST_F(SharedConfig, BadArgumentsAndUnusableFilesFail) {
     }
     EXPECT_HR(E_INVALIDARG, m_manager->AcquireStream(path, name, nullptr));
     EXPECT_FALSE(Exists(m_file));
-    // Not a compound file, or a missing folder: the storage functions' own
-    // failures, and a file left as it was.
+    // A file that cannot be used fails with what the storage functions say of
+    // it (created where missing, else opened) and is left as it was: not a
+    // compound file, a missing folder, a folder, a file that someone else
+    // holds open (as a holder under another spelling of the path does).
     std::FILE* file = _wfopen(m_file.c_str(), L"wb");
     std::fputs("plain text", file);
     std::fclose(file);
-    for (const std::wstring& unusable : {m_file, m_file + L".missing\\config.stg"}) {
-        const HRESULT hr = m_manager.Storage(unusable, L"g", &storage);
-        EXPECT_TRUE(FAILED(hr) && hr != E_FAIL) << Hex(hr);
+    const std::wstring folder = m_file + L".folder", held = m_file + L".held", longer = m_file + L".txt";
+    file = _wfopen(longer.c_str(), L"wb");
+    std::fputs(std::string(2000, 't').c_str(), file);
+    std::fclose(file);
+    ::CreateDirectoryW(folder.c_str(), nullptr);
+    ASSERT_HR(S_OK, m_manager.Put(held, L"s", "kept"));
+    com::Handle holder(::CreateFileW(held.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr));
+    for (const std::wstring& unusable : {m_file, longer, m_file + L".missing\\config.stg", folder, held}) {
+        ComPtr<IStorage> plain;
+        HRESULT expected = ::StgCreateDocfile(unusable.c_str(), kShared, 0, &plain);
+        if (FAILED(expected)) expected = ::StgOpenStorage(unusable.c_str(), nullptr, kShared, nullptr, 0, &plain);
+        EXPECT_TRUE(FAILED(expected));
+        EXPECT_HR(expected, m_manager.Storage(unusable, L"g", &storage)) << Narrow(unusable);
     }
+    holder.Close();
+    EXPECT_EQ("s=kept;", FileContents(held));
     WIN32_FILE_ATTRIBUTE_DATA data = {};
     ::GetFileAttributesExW(m_file.c_str(), GetFileExInfoStandard, &data);
     EXPECT_EQ(10u, data.nFileSizeLow);
+    ::RemoveDirectoryW(folder.c_str());
+    ::DeleteFileW(held.c_str());
+    ::DeleteFileW(longer.c_str());
 }
 
 TEST_F(SharedConfig, EveryObjectIsFreeThreaded) {
@@ -185,7 +202,7 @@ TEST_F(SharedConfig, AStorageWorksOnItsPrivateCopyAndReplacesTheElementAsAWhole)
     EXPECT_EQ("g=;", Shared());
 }
 
-TEST_F(SharedConfig, PrivateCopiesAndBackupsLiveNoLongerThanTheirObjects) {
+TEST_F(SharedConfig, PrivateCopiesAndJournalsLiveNoLongerThanTheirObjects) {
     const int before = PrivateFiles();
     ComPtr<IStream> stream;
     ComPtr<IStorage> storage;
@@ -196,26 +213,61 @@ TEST_F(SharedConfig, PrivateCopiesAndBackupsLiveNoLongerThanTheirObjects) {
     storage.Reset();
     EXPECT_TRUE(FAILED(m_manager.Stream(m_file + L".missing\\x.stg", L"s", &stream)));
     EXPECT_EQ(before, PrivateFiles());
-    EXPECT_FALSE(Exists(sharedfile::BackupPath(m_file.c_str())));
+    EXPECT_FALSE(Exists(m_file + L".kyjournal"));
 }
 
-TEST_F(SharedConfig, AWriteBackCutShortIsUndoneByTheNextLockHolder) {
-    // What a write-back killed half-way leaves: its backup, and a file
-    // rewritten up to some point.
-    ASSERT_HR(S_OK, m_manager.Put(m_file, L"s", "before"));
-    const std::wstring backup = sharedfile::BackupPath(m_file.c_str());
-    ASSERT_TRUE(::CopyFileW(m_file.c_str(), backup.c_str(), FALSE));
-    com::Handle file(::CreateFileW(m_file.c_str(), GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr));
-    DWORD written = 0;
-    ::WriteFile(file.Get(), "torn", 4, &written, nullptr);
-    file.Close();
-
-    ComPtr<IStream> stream;
-    ASSERT_HR(S_OK, Stream(L"s", &stream));
-    EXPECT_EQ("before", ReadStream(stream.Get()));
-    EXPECT_FALSE(Exists(backup));
-    stream.Reset();
-    EXPECT_EQ("s=before;", Shared());
+// Whatever lies beside the shared file, held open or not, a completed
+// write-back stays: files of the journal's name (garbage, an empty file, a
+// compound file with older contents), the backup copies of earlier versions
+// (".kybackup"), and journals that someone holds open while a write-back
+// runs, so that they can be neither replaced nor deleted.
+TEST_F(SharedConfig, NothingBesideTheFileUndoesACompletedWriteBack) {
+    ASSERT_HR(S_OK, m_manager.Put(m_file, L"s", "old"));
+    const std::wstring oldCopy = m_file + L".old";
+    ASSERT_TRUE(::CopyFileW(m_file.c_str(), oldCopy.c_str(), FALSE));
+    struct Leftover {
+        const wchar_t* suffix;
+        const char* content;  // null: a copy of the file with "old" in it
+        DWORD heldWithSharing;  // 0: not held
+    };
+    const Leftover leftovers[] = {
+        {L".kyjournal", "garbage", 0},
+        {L".kyjournal", "", 0},
+        {L".kyjournal", nullptr, 0},
+        {L".kyjournal-1", nullptr, 0},
+        {L".kybackup", nullptr, 0},
+        {L".kybackup", "garbage", 0},
+        {L".kyjournal", "", FILE_SHARE_READ | FILE_SHARE_WRITE},
+        {L".kyjournal", "", FILE_SHARE_READ},
+        {L".kybackup", nullptr, FILE_SHARE_READ | FILE_SHARE_WRITE},
+    };
+    int round = 0;
+    for (const Leftover& leftover : leftovers) {
+        const std::wstring path = m_file + leftover.suffix;
+        SCOPED_TRACE(Narrow(path) + " round " + std::to_string(round));
+        if (leftover.content) {
+            std::FILE* file = _wfopen(path.c_str(), L"wb");
+            std::fputs(leftover.content, file);
+            std::fclose(file);
+        } else {
+            ASSERT_TRUE(::CopyFileW(oldCopy.c_str(), path.c_str(), FALSE));
+        }
+        com::Handle holder;
+        if (leftover.heldWithSharing)
+            holder.Attach(::CreateFileW(path.c_str(), GENERIC_READ, leftover.heldWithSharing, nullptr, OPEN_EXISTING,
+                                        0, nullptr));
+        const std::string value = "new " + std::to_string(++round);
+        ASSERT_HR(S_OK, m_manager.Put(m_file, L"s", value));
+        holder.Close();
+        for (int reads = 0; reads < 2; ++reads) {
+            ComPtr<IStream> stream;
+            ASSERT_HR(S_OK, Stream(L"s", &stream));
+            EXPECT_EQ(value, ReadStream(stream.Get()));
+        }
+        EXPECT_EQ("s=" + value + ";", Shared());
+        ::DeleteFileW(path.c_str());
+    }
+    ::DeleteFileW(oldCopy.c_str());
 }
 
 }  // namespace

@@ -82,12 +82,20 @@ int Worker(const std::wstring& file, unsigned id, unsigned iterations, const std
     return static_cast<int>((failures & 0xFFFF) | (torn ? 0x10000 : 0) | (errors ? 0x20000 : 0));
 }
 
+// Rewrites a large element until killed.
+int RewriteLarge(const std::wstring& file) {
+    Manager manager;
+    for (std::uint32_t round = 1; manager.Ok(); ++round) manager.Put(file, L"big", records::Make(1, round, 2 << 20));
+    return 2;
+}
+
 // A peer's main part; 0 when its part went as it must.
 int RunPeer(int argc, wchar_t** argv) {
     const std::wstring part = argc > 2 ? argv[2] : L"";
     int result = 2;
     if (part == L"hold-lock" && argc == 6) result = HoldLock(argv[3], argv[4], argv[5]);
     if (part == L"hold-stream" && argc == 7) result = HoldStream(argv[3], argv[4], argv[5], argv[6]);
+    if (part == L"rewrite-large" && argc == 4) result = RewriteLarge(argv[3]);
     if (part == L"worker" && argc >= 6)
         result = Worker(argv[3], _wtoi(argv[4]), _wtoi(argv[5]), argc > 6 ? argv[6] : L"");
     return DllCanUnloadNow() == S_OK ? result : 3;  // every object of the library is gone
@@ -184,6 +192,50 @@ TEST(CrossProcessRuns, ManyProcessesLeaveEveryElementAsOneCompleteWrite) {
     EXPECT_TRUE(failures > 0 || check.empty == 0) << check.empty << " empty elements";
 }
 
+// A peer rewrites a 2 MB element under one spelling of the path while this
+// process reads it under another (another lock: the file's exclusive opening
+// keeps them apart, and each read fails cleanly or finds one whole write).
+// The peer is killed half-way through a write-back, once its journal is well
+// under way: the next holder, under the other spelling, finds the element
+// whole; and the journal, put back beside the file after later write-backs,
+// undoes none of them.
+TEST(CrossProcessRuns, AWriteBackKilledHalfWayIsRolledBackAndItsJournalNeverAgain) {
+    const std::wstring file = BesideThisProgram(L"halfway.stg"), journal = file + L".kyjournal",
+                       kept = file + L".old-journal";
+    const std::wstring other = file.substr(0, file.find_last_of(L'\\')) + L"\\.\\halfway.stg";
+    ::DeleteFileW(file.c_str());
+    Manager manager;
+    ASSERT_HR(S_OK, manager.Put(file, L"big", records::Make(0, 0, 2 << 20)));
+    ChildProcess writer(PeerProgram().c_str(), L"peer rewrite-large " + Quoted(file));
+    ComPtr<IStream> stream;
+    for (int read = 0; read < 5; ++read) {
+        const HRESULT hr = manager.Stream(other, L"big", &stream);
+        if (FAILED(hr)) EXPECT_TRUE(hr == STG_E_SHAREVIOLATION || hr == E_FAIL) << Hex(hr);
+        else EXPECT_EQ(records::Kind::Valid, records::Check(ReadStream(stream.Get())));
+        stream.Reset();
+    }
+    WIN32_FILE_ATTRIBUTE_DATA data = {};
+    for (DWORD start = ::GetTickCount(); ::GetTickCount() - start < kTimeout; ::Sleep(1))
+        if (::GetFileAttributesExW(journal.c_str(), GetFileExInfoStandard, &data) && data.nFileSizeLow > (256 << 10))
+            break;
+    writer.Kill();
+    ASSERT_TRUE(::CopyFileW(journal.c_str(), kept.c_str(), FALSE));
+
+    ASSERT_HR(S_OK, manager.Stream(other, L"big", &stream));
+    EXPECT_EQ(records::Kind::Valid, records::Check(ReadStream(stream.Get())));
+    stream.Reset();
+    const std::string later = records::Make(2, 1, 1 << 20);
+    ASSERT_HR(S_OK, manager.Put(file, L"big", later));
+    ASSERT_HR(S_OK, manager.Put(file, L"small", records::Make(3, 1)));
+    ASSERT_TRUE(::MoveFileExW(kept.c_str(), journal.c_str(), MOVEFILE_REPLACE_EXISTING));
+    ASSERT_HR(S_OK, manager.Stream(file, L"big", &stream));
+    EXPECT_TRUE(ReadStream(stream.Get()) == later);
+    stream.Reset();
+    EXPECT_EQ(0u, CheckFile(file).torn);
+    ::DeleteFileW(journal.c_str());
+    ::DeleteFileW(file.c_str());
+}
+
 TEST(CrossProcessRuns, KilledLockHoldersCostAtMostOneFailureEachAndNeverAnUnreadableFile) {
     const std::wstring file = BesideThisProgram(L"kills.stg");
     ::DeleteFileW(file.c_str());
@@ -203,7 +255,6 @@ TEST(CrossProcessRuns, KilledLockHoldersCostAtMostOneFailureEachAndNeverAnUnread
         seed = seed * 1103515245u + 12345u;
         ::Sleep((seed >> 16) % 150);
         worker.Kill();
-
         unsigned failures = 0;
         ComPtr<IStream> stream;
         HRESULT hr;
