@@ -69,6 +69,9 @@ int ListConfig(Console& out, const std::vector<std::wstring>& args) {
     com::ComPtr<IStorage> root;
     hr = sharedfile::CJournaledFile::Open(path, false, file);
     if (SUCCEEDED(hr)) hr = file->OpenStorage(STGM_READ | STGM_SHARE_EXCLUSIVE, false, &root);
+    // A file that may not be written (read-only media) is listed as it is.
+    if (hr == STG_E_ACCESSDENIED)
+        hr = ::StgOpenStorage(path, nullptr, STGM_READ | STGM_SHARE_EXCLUSIVE, nullptr, 0, &root);
     if (FAILED(hr)) {
         out.Line(L"Cannot open " + args[0] + L": " + HResultText(hr));
         return 1;

@@ -181,7 +181,7 @@ HRESULT CJournaledFile::RollBackLeftovers() {
         // until it can be.
         const Rollback result = journal ? RollBack(journal.Get()) : Rollback::Failed;
         if (result == Rollback::Failed) hr = STG_E_LOCKVIOLATION;
-        if (result == Rollback::Done) {
+        if (result == Rollback::Done || result == Rollback::Stale) {
             // Never needed again: the file no longer carries its number.
             journal.Close();
             ::DeleteFileW(path.c_str());
@@ -201,10 +201,11 @@ CJournaledFile::Rollback CJournaledFile::RollBack(HANDLE journal) {
     const auto marker = Get<std::uint32_t>(header + 8);
     if (Get<std::uint32_t>(header + 12) != m_identity.volume || Get<std::uint64_t>(header + 16) != m_identity.index)
         return Rollback::NotHot;
+    // From here on it is a journal of this file, written by this store.
     BYTE current[kMarkerSize];
     if (ReadFileAt(m_file.Get(), kMarkerOffset, current, kMarkerSize) != kMarkerSize ||
         Get<std::uint32_t>(current) != marker)
-        return Rollback::NotHot;
+        return Rollback::Stale;
     const auto originalSize = Get<std::uint64_t>(header + 24);
 
     // Every complete record goes back; the one holding the header goes back

@@ -78,7 +78,9 @@ private:
         std::uint64_t index = 0;
     };
 
-    enum class Rollback { NotHot, Done, Failed };
+    // Not ours (or not of this file), ours but finished, rolled back, or hot
+    // but not rolled back.
+    enum class Rollback { NotHot, Stale, Done, Failed };
 
     HRESULT Init(const wchar_t* path, bool create);
     HRESULT RollBackLeftovers();
