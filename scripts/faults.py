@@ -16,6 +16,7 @@ apart.
 Needs a configured build/x64 (scripts/build.sh makes it).
 """
 import os
+import re
 import subprocess
 import sys
 import time
@@ -76,19 +77,22 @@ def main():
                 if not build(log):
                     outcome = "build"
                 else:
-                    failed = run(["ctest", "--test-dir", BUILD, "-j2", "--stop-on-failure", "--timeout", "300"], log)
-                    outcome = "caught" if failed else "MISSED"
+                    tests = subprocess.run(["ctest", "--test-dir", BUILD, "-j2", "--stop-on-failure", "--timeout", "300"],
+                                           cwd=ROOT, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
+                    log.write(tests.stdout)
+                    failing = re.findall(r"Test\s+#\d+: (\S+) .*\*\*\*", tests.stdout)
+                    outcome = f"caught by {', '.join(failing) or '?'}" if tests.returncode else "MISSED"
             finally:
                 with open(full, "w", encoding="utf-8") as f:
                     f.write(original)
             results.append((ident, outcome))
             print(f"[{index}/{len(faults)}] {ident}: {outcome} ({time.time() - start:.0f} s)", flush=True)
         build(log)
-    caught = sum(1 for _, o in results if o == "caught")
-    counted = sum(1 for _, o in results if o in ("caught", "MISSED"))
+    caught = sum(1 for _, o in results if o.startswith("caught"))
+    counted = sum(1 for _, o in results if o.startswith("caught") or o == "MISSED")
     missed = [i for i, o in results if o == "MISSED"]
     print(f"caught {caught} of {counted} planted faults" + (f"; missed: {', '.join(missed)}" if missed else ""))
-    others = [f"{i} ({o})" for i, o in results if o not in ("caught", "MISSED")]
+    others = [f"{i} ({o})" for i, o in results if not o.startswith("caught") and o != "MISSED"]
     if others:
         print("not counted: " + ", ".join(others))
     return 0 if not missed else 1
