@@ -7,7 +7,6 @@
 #include <string>
 
 #include "kytest.h"
-#include "sharedconfig/sharedfile.h"
 #include "sharedtest.h"
 
 using Microsoft::WRL::ComPtr;
@@ -31,6 +30,12 @@ ULONGLONG Position(IStream* stream) {
 }
 
 bool Exists(const std::wstring& path) { return ::GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES; }
+
+void WriteText(const std::wstring& path, const std::string& text) {
+    std::FILE* file = _wfopen(path.c_str(), L"wb");
+    std::fputs(text.c_str(), file);
+    std::fclose(file);
+}
 
 // How many files this process's private temporary folder holds.
 int PrivateFiles() {
@@ -74,15 +79,11 @@ TEST_F(SharedConfig, BadArgumentsAndUnusableFilesFail) {
     EXPECT_FALSE(Exists(m_file));
     // A file that cannot be used fails with what the storage functions say of
     // it (created where missing, else opened) and is left as it was: not a
-    // compound file, a missing folder, a folder, a file that someone else
-    // holds open (as a holder under another spelling of the path does).
-    std::FILE* file = _wfopen(m_file.c_str(), L"wb");
-    std::fputs("plain text", file);
-    std::fclose(file);
+    // compound file (short or long), a missing folder, a folder, a file that
+    // someone else holds open (as a holder under another spelling does).
     const std::wstring folder = m_file + L".folder", held = m_file + L".held", longer = m_file + L".txt";
-    file = _wfopen(longer.c_str(), L"wb");
-    std::fputs(std::string(2000, 't').c_str(), file);
-    std::fclose(file);
+    WriteText(m_file, "plain text");
+    WriteText(longer, std::string(2000, 't'));
     ::CreateDirectoryW(folder.c_str(), nullptr);
     ASSERT_HR(S_OK, m_manager.Put(held, L"s", "kept"));
     com::Handle holder(::CreateFileW(held.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr));
@@ -95,12 +96,9 @@ TEST_F(SharedConfig, BadArgumentsAndUnusableFilesFail) {
     }
     holder.Close();
     EXPECT_EQ("s=kept;", FileContents(held));
-    WIN32_FILE_ATTRIBUTE_DATA data = {};
-    ::GetFileAttributesExW(m_file.c_str(), GetFileExInfoStandard, &data);
-    EXPECT_EQ(10u, data.nFileSizeLow);
+    EXPECT_EQ("<no file>", FileContents(m_file));  // still the plain text
     ::RemoveDirectoryW(folder.c_str());
-    ::DeleteFileW(held.c_str());
-    ::DeleteFileW(longer.c_str());
+    for (const std::wstring& path : {held, longer}) ::DeleteFileW(path.c_str());
 }
 
 TEST_F(SharedConfig, EveryObjectIsFreeThreaded) {
@@ -217,53 +215,40 @@ TEST_F(SharedConfig, PrivateCopiesAndJournalsLiveNoLongerThanTheirObjects) {
 }
 
 // Whatever lies beside the shared file, held open or not, a completed
-// write-back stays: files of the journal's name (garbage, an empty file, a
-// compound file with older contents), the backup copies of earlier versions
-// (".kybackup"), and journals that someone holds open while a write-back
-// runs, so that they can be neither replaced nor deleted.
+// write-back stays: files of the journal's name (garbage, empty, a compound
+// file with older contents), backup copies of earlier versions (".kybackup"),
+// and journals held open during a write-back, so that they can be neither
+// replaced nor deleted.
 TEST_F(SharedConfig, NothingBesideTheFileUndoesACompletedWriteBack) {
     ASSERT_HR(S_OK, m_manager.Put(m_file, L"s", "old"));
     const std::wstring oldCopy = m_file + L".old";
     ASSERT_TRUE(::CopyFileW(m_file.c_str(), oldCopy.c_str(), FALSE));
-    struct Leftover {
+    const struct {
         const wchar_t* suffix;
         const char* content;  // null: a copy of the file with "old" in it
         DWORD heldWithSharing;  // 0: not held
-    };
-    const Leftover leftovers[] = {
-        {L".kyjournal", "garbage", 0},
-        {L".kyjournal", "", 0},
-        {L".kyjournal", nullptr, 0},
-        {L".kyjournal-1", nullptr, 0},
-        {L".kybackup", nullptr, 0},
-        {L".kybackup", "garbage", 0},
-        {L".kyjournal", "", FILE_SHARE_READ | FILE_SHARE_WRITE},
-        {L".kyjournal", "", FILE_SHARE_READ},
+    } leftovers[] = {
+        {L".kyjournal", "garbage", 0}, {L".kyjournal", "", 0}, {L".kyjournal", nullptr, 0},
+        {L".kyjournal-1", nullptr, 0}, {L".kybackup", nullptr, 0}, {L".kybackup", "garbage", 0},
+        {L".kyjournal", "", FILE_SHARE_READ | FILE_SHARE_WRITE}, {L".kyjournal", "", FILE_SHARE_READ},
         {L".kybackup", nullptr, FILE_SHARE_READ | FILE_SHARE_WRITE},
     };
     int round = 0;
-    for (const Leftover& leftover : leftovers) {
+    for (const auto& leftover : leftovers) {
         const std::wstring path = m_file + leftover.suffix;
         SCOPED_TRACE(Narrow(path) + " round " + std::to_string(round));
-        if (leftover.content) {
-            std::FILE* file = _wfopen(path.c_str(), L"wb");
-            std::fputs(leftover.content, file);
-            std::fclose(file);
-        } else {
-            ASSERT_TRUE(::CopyFileW(oldCopy.c_str(), path.c_str(), FALSE));
-        }
-        com::Handle holder;
-        if (leftover.heldWithSharing)
-            holder.Attach(::CreateFileW(path.c_str(), GENERIC_READ, leftover.heldWithSharing, nullptr, OPEN_EXISTING,
-                                        0, nullptr));
+        if (leftover.content) WriteText(path, leftover.content);
+        else ASSERT_TRUE(::CopyFileW(oldCopy.c_str(), path.c_str(), FALSE));
+        com::Handle holder(leftover.heldWithSharing ? ::CreateFileW(path.c_str(), GENERIC_READ, leftover.heldWithSharing,
+                                                                    nullptr, OPEN_EXISTING, 0, nullptr)
+                                                    : nullptr);
         const std::string value = "new " + std::to_string(++round);
         ASSERT_HR(S_OK, m_manager.Put(m_file, L"s", value));
         holder.Close();
-        for (int reads = 0; reads < 2; ++reads) {
-            ComPtr<IStream> stream;
-            ASSERT_HR(S_OK, Stream(L"s", &stream));
-            EXPECT_EQ(value, ReadStream(stream.Get()));
-        }
+        ComPtr<IStream> stream;
+        ASSERT_HR(S_OK, Stream(L"s", &stream));
+        EXPECT_EQ(value, ReadStream(stream.Get()));
+        stream.Reset();
         EXPECT_EQ("s=" + value + ";", Shared());
         ::DeleteFileW(path.c_str());
     }
