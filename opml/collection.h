@@ -6,6 +6,7 @@
 #include <windows.h>
 #include <oaidl.h>
 
+#include <new>
 #include <utility>
 #include <vector>
 
@@ -130,22 +131,30 @@ public:
         LookupKey key;
         HRESULT hr = key.Parse(pvID);
         if (FAILED(hr)) return hr;
-        com::ComPtr<Element> removed;  // released once the lock is left
-        com::Lock lock(m_lock);
-        size_t index = 0;
-        hr = Locate(key, &index);
-        if (FAILED(hr)) return hr;
-        removed = std::move(m_items[index]);
-        m_items.erase(m_items.begin() + static_cast<ptrdiff_t>(index));
+        std::vector<com::ComPtr<Element>> removed(1);
+        {
+            com::Lock lock(m_lock);
+            size_t index = 0;
+            hr = Locate(key, &index);
+            if (FAILED(hr)) return hr;
+            removed[0] = std::move(m_items[index]);
+            m_items.erase(m_items.begin() + static_cast<ptrdiff_t>(index));
+        }
+        ReleaseAll(removed);  // outside the lock
         return S_OK;
     }
 
     STDMETHODIMP Clear() override {
-        std::vector<com::ComPtr<Element>> removed;  // released once the lock is left
-        com::Lock lock(m_lock);
-        removed.swap(m_items);
+        std::vector<com::ComPtr<Element>> removed;
+        {
+            com::Lock lock(m_lock);
+            removed.swap(m_items);
+        }
+        ReleaseAll(removed);  // outside the lock
         return S_OK;
     }
+
+    void FinalRelease() { ReleaseAll(m_items); }
 
     // Makes a new element and appends it.
     HRESULT Append(com::ComPtr<Element>& element) {
@@ -159,6 +168,33 @@ public:
     }
 
 protected:
+    // Releases the elements. An outline's sub-items are a collection, so
+    // releasing a tree one level inside the other would take a stack frame
+    // per level, and a deep enough tree would overflow the stack: elements
+    // released on a thread that is already releasing some are queued for it
+    // instead, and it releases them one after the other.
+    static void ReleaseAll(std::vector<com::ComPtr<Element>>& items) {
+        static thread_local std::vector<com::ComPtr<Element>>* t_queue = nullptr;
+        if (t_queue) {
+            try {
+                for (auto& item : items) t_queue->push_back(std::move(item));
+            } catch (const std::bad_alloc&) {
+                // What could not be queued is released right here.
+            }
+            items.clear();
+            return;
+        }
+        std::vector<com::ComPtr<Element>> queue;
+        queue.swap(items);
+        t_queue = &queue;
+        while (!queue.empty()) {
+            com::ComPtr<Element> next = std::move(queue.back());
+            queue.pop_back();
+            next.Reset();  // may queue more
+        }
+        t_queue = nullptr;
+    }
+
     // The index of the element a key designates; called under the lock.
     HRESULT Locate(const LookupKey& key, size_t* index) {
         switch (key.kind) {

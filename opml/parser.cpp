@@ -5,7 +5,6 @@
 
 #include "com/guard.h"
 #include "com/raii.h"
-#include "opml/prolog.h"
 #include "opml/rfc822.h"
 #include "opml/sax.h"
 
@@ -59,6 +58,17 @@ HRESULT AddExpansionState(IOPMLHeader* header, const std::wstring& text) {
 
 }  // namespace
 
+// A null BSTR, by value or by reference, is the empty string: the reader
+// itself would take it for a pointer to text.
+bool IsNullText(const VARIANT& input) {
+    switch (V_VT(&input)) {
+        case VT_BSTR: return !V_BSTR(&input);
+        case VT_BSTR | VT_BYREF: return !V_BSTRREF(&input) || !*V_BSTRREF(&input);
+        case VT_VARIANT | VT_BYREF: return !V_VARIANTREF(&input) || IsNullText(*V_VARIANTREF(&input));
+        default: return false;
+    }
+}
+
 HRESULT LoadDocument(IOPMLDocument* document, const VARIANT& input) {
     // Declared first so that it outlives the reader, which holds it while installed.
     CParser parser;
@@ -70,13 +80,21 @@ HRESULT LoadDocument(IOPMLDocument* document, const VARIANT& input) {
     hr = reader->putContentHandler(&parser);
     if (SUCCEEDED(hr)) hr = reader->putErrorHandler(&parser);
     if (SUCCEEDED(hr)) {
-        // No DTD, no outside files. Readers without these features refuse them; the
-        // check of the input below stands in for them.
+        // The reader's own protections: no DTD, no entities from outside the
+        // document, and no document beyond the largest size it can limit
+        // (readers that lack a setting refuse it; see the README).
         reader->putFeature(L"prohibit-dtd", VARIANT_TRUE);
         reader->putFeature(L"http://xml.org/sax/features/external-general-entities", VARIANT_FALSE);
         reader->putFeature(L"http://xml.org/sax/features/external-parameter-entities", VARIANT_FALSE);
-        // A rejected document is not an error of Load: it simply loads nothing.
-        if (!CarriesDocumentType(input)) reader->parse(input);
+        VARIANT limit;
+        V_VT(&limit) = VT_I4;
+        V_I4(&limit) = kMaxXmlSizeKiloChars;
+        reader->putProperty(L"max-xml-size", limit);
+        com::Variant empty;
+        V_VT(&empty) = VT_BSTR;
+        V_BSTR(&empty) = ::SysAllocString(L"");
+        // A rejected document is not an error of Load: it simply loads what came before.
+        reader->parse(IsNullText(input) ? static_cast<const VARIANT&>(empty) : input);
     }
     reader->putContentHandler(nullptr);
     reader->putErrorHandler(nullptr);

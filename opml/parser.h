@@ -13,10 +13,14 @@
 
 namespace OPML {
 
+// The largest document the reader is let read, in units of 1024 characters:
+// the most its "max-xml-size" setting takes.
+constexpr LONG kMaxXmlSizeKiloChars = 4194303;
+
 // Fills `document` from OPML text in any form the SAX reader's parse takes
-// (a BSTR of XML text, a stream, a byte array). A document that breaks the
-// structure is kept as far as it was read and still gives S_OK; only a
-// failure to set the reader up is returned.
+// (a BSTR of XML text, a stream, a byte array, ...), passed on as it is. A
+// document that breaks the structure is kept as far as it was read and still
+// gives S_OK; only a failure to set the reader up is returned.
 HRESULT LoadDocument(IOPMLDocument* document, const VARIANT& input);
 
 // The content and error handler of one load. It lives on its caller's stack

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <climits>
+#include <vector>
 
 #include "com/guard.h"
 #include "com/raii.h"
@@ -115,11 +116,7 @@ void WriteHeader(CXmlTextWriter& out, IOPMLHeader* header) {
     ThrowIfFailed(out.Line("</head>"));
 }
 
-void WriteOutlines(CXmlTextWriter& out, IOPMLOutlines* outlines, LONG count);
-
-void WriteOutline(CXmlTextWriter& out, IOPMLOutline* outline) {
-    ThrowIfFailed(out.Indent());
-    ThrowIfFailed(out.Raw("<outline"));
+void WriteAttributes(CXmlTextWriter& out, IOPMLOutline* outline) {
     com::ComPtr<IOPMLAttributes> attributes;
     ThrowIfFailed(outline->get_Attributes(&attributes));
     LONG count = 0;
@@ -133,28 +130,44 @@ void WriteOutline(CXmlTextWriter& out, IOPMLOutline* outline) {
         ThrowIfFailed(attribute->get_Value(value.Out()));
         ThrowIfFailed(out.Attribute(name, name.Length(), value, value.Length()));
     }
-    com::ComPtr<IOPMLOutlines> subItems;
-    ThrowIfFailed(outline->get_SubItems(&subItems));
-    ThrowIfFailed(subItems->get_Count(&count));
-    if (count == 0) {
-        ThrowIfFailed(out.Raw("/>", true));
-        return;
-    }
-    ThrowIfFailed(out.Raw(">", true));
-    unsigned depth = out.Depth();
-    out.SetDepth(depth + 1);
-    WriteOutlines(out, subItems.Get(), count);
-    out.SetDepth(depth);
-    ThrowIfFailed(out.Line("</outline>"));
 }
 
-void WriteOutlines(CXmlTextWriter& out, IOPMLOutlines* outlines, LONG count) {
-    for (LONG i = 1; i <= count; ++i) {
-        VARIANT key = Position(i);
+// The outlines below `outlines`, depth first, from the writer's depth on.
+// A stack of the collections being written stands in for one call per
+// level, so that a tree of any depth the model holds can be written.
+void WriteOutlines(CXmlTextWriter& out, IOPMLOutlines* outlines) {
+    struct Level {
+        com::ComPtr<IOPMLOutlines> outlines;
+        LONG next, count;
+    };
+    const unsigned base = out.Depth();
+    LONG count = 0;
+    ThrowIfFailed(outlines->get_Count(&count));
+    std::vector<Level> levels{{outlines, 1, count}};
+    while (!levels.empty()) {
+        Level& level = levels.back();
+        if (level.next > level.count) {
+            // The outline that owns this level is closed one level up.
+            levels.pop_back();
+            if (levels.empty()) break;
+            out.SetDepth(base + static_cast<unsigned>(levels.size()) - 1);
+            ThrowIfFailed(out.Line("</outline>"));
+            continue;
+        }
+        VARIANT key = Position(level.next++);
         com::ComPtr<IOPMLOutline> outline;
-        ThrowIfFailed(outlines->get_Item(&key, &outline));
-        WriteOutline(out, outline.Get());
+        ThrowIfFailed(level.outlines->get_Item(&key, &outline));
+        out.SetDepth(base + static_cast<unsigned>(levels.size()) - 1);
+        ThrowIfFailed(out.Indent());
+        ThrowIfFailed(out.Raw("<outline"));
+        WriteAttributes(out, outline.Get());
+        com::ComPtr<IOPMLOutlines> subItems;
+        ThrowIfFailed(outline->get_SubItems(&subItems));
+        ThrowIfFailed(subItems->get_Count(&count));
+        ThrowIfFailed(out.Raw(count ? ">" : "/>", true));
+        if (count) levels.push_back({subItems, 1, count});
     }
+    out.SetDepth(base);
 }
 
 }  // namespace
@@ -242,12 +255,10 @@ HRESULT SaveDocument(IOPMLDocument* document, IStream* target) {
 
         com::ComPtr<IOPMLOutlines> body;
         ThrowIfFailed(document->get_Body(&body));
-        LONG count = 0;
-        ThrowIfFailed(body->get_Count(&count));
         out.SetDepth(1);
         ThrowIfFailed(out.Line("<body>"));
         out.SetDepth(2);
-        WriteOutlines(out, body.Get(), count);
+        WriteOutlines(out, body.Get());
         out.SetDepth(1);
         ThrowIfFailed(out.Line("</body>"));
         out.SetDepth(0);

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "opmltest.h"
+#include "writeonlystream.h"
 
 namespace ky::test::opml {
 namespace {
@@ -185,6 +186,40 @@ TEST(ExpansionState, AListOfNumbersFromOne) {
 }
 
 // Readers of a missing property race to add its attribute: exactly one must.
+// A tree far deeper than a thread's stack could hold one call per level of:
+// lookups, enumeration, Save and the release of the document all get
+// through it. Save writes into a stream that only counts the bytes.
+TEST(Model, ATreeOfAnyDepthIsWalkedSavedAndReleased) {
+    class Counter : public WriteOnlyStream {
+    public:
+        STDMETHODIMP Write(const void*, ULONG size, ULONG* written) override {
+            bytes += size;
+            if (written) *written = size;
+            return S_OK;
+        }
+        ULONGLONG bytes = 0;
+    } counter;
+    constexpr LONG kDepth = 30000;
+    ComPtr<IOPMLDocument> document = NewDocument();
+    ComPtr<IOPMLOutlines> level = BodyOf(document.Get());
+    for (LONG depth = 0; depth < kDepth; ++depth) level = SubItemsOf(AddOutline(level.Get(), L"x").Get());
+    ComPtr<IOPMLOutlines> body = BodyOf(document.Get());
+    ComPtr<IOPMLOutline> top;
+    EXPECT_HR(S_OK, body->get_Item(Arg(std::wstring(L"x")), &top));
+    ComPtr<IUnknown> items;
+    EXPECT_HR(S_OK, body->get__NewEnum(&items));
+    EXPECT_HR(S_OK, document->Save(Arg(static_cast<IUnknown*>(&counter))));
+    // Each outline a line of its own, at its own depth: its TABs, its text
+    // attribute, and its closing tag on a line of its own unless it is the last.
+    const ULONGLONG tabs = ULONGLONG(kDepth) * (kDepth + 3);  // kDepth(kDepth+3)/2 twice: opening and closing lines
+    EXPECT_LT(tabs, counter.bytes);
+    top.Reset();
+    body.Reset();
+    level.Reset();
+    items.Reset();
+    document.Reset();
+}
+
 TEST(Model, ConcurrentReadersAddOneAttributeAndWritersLoseNothing) {
     ComPtr<IOPMLDocument> document = NewDocument();
     std::vector<ComPtr<IOPMLOutline>> outlines;
