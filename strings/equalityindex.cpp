@@ -13,6 +13,32 @@ constexpr ULONG kCoveredFlags = NORM_IGNORECASE | NORM_IGNORENONSPACE | NORM_IGN
 
 }  // namespace
 
+bool MakeSortKey(BSTR text, ULONG flags, std::vector<BYTE>* key) {
+    const UINT length = ::SysStringLen(text);
+    const BYTE kind = length == 0 ? 0 : text[0] == L'\0' ? 1 : 2;
+    // Sort keys rarely take more than eight bytes a character: one call for
+    // most strings, a second one to learn the size for the others.
+    key->resize(1 + 8 * size_t(length) + 16);
+    (*key)[0] = kind;
+    if (length == 0) {
+        key->resize(1);
+        return true;
+    }
+    const DWORD mapFlags = LCMAP_SORTKEY | flags;
+    int size = ::LCMapStringW(LOCALE_USER_DEFAULT, mapFlags, text, static_cast<int>(length),
+                              reinterpret_cast<LPWSTR>(key->data() + 1), static_cast<int>(key->size() - 1));
+    if (size <= 0) {
+        size = ::LCMapStringW(LOCALE_USER_DEFAULT, mapFlags, text, static_cast<int>(length), nullptr, 0);
+        if (size <= 0) return false;
+        key->resize(1 + static_cast<size_t>(size));
+        size = ::LCMapStringW(LOCALE_USER_DEFAULT, mapFlags, text, static_cast<int>(length),
+                              reinterpret_cast<LPWSTR>(key->data() + 1), size);
+        if (size <= 0) return false;
+    }
+    key->resize(1 + static_cast<size_t>(size));
+    return true;
+}
+
 bool EqualityIndex::Covers(ULONG flags) { return (flags & ~kCoveredFlags) == 0; }
 
 void EqualityIndex::Drop() {
@@ -20,18 +46,18 @@ void EqualityIndex::Drop() {
     m_ready = false;
 }
 
-void EqualityIndex::Build(const std::vector<com::Bstr>& items, ULONG flags) {
+void EqualityIndex::Build(const StringSlots& items, ULONG flags) {
     Drop();
     m_flags = flags;
     try {
-        m_buckets.reserve(items.size());
-        for (const com::Bstr& item : items) {
+        m_buckets.reserve(items.Size());
+        for (size_t slot = items.NextLive(0); slot != StringSlots::kNone; slot = items.NextLive(slot + 1)) {
             uint64_t key;
-            if (!KeyOf(item.Get(), &key)) {
+            if (!KeyOf(items.At(slot), &key)) {
                 Drop();
                 return;
             }
-            m_buckets.emplace(key, item.Get());
+            m_buckets.emplace(key, slot);
         }
         m_ready = true;
     } catch (...) {
@@ -39,18 +65,18 @@ void EqualityIndex::Build(const std::vector<com::Bstr>& items, ULONG flags) {
     }
 }
 
-void EqualityIndex::Insert(BSTR item) noexcept {
+void EqualityIndex::Insert(size_t slot, BSTR item) noexcept {
     Follow(item, [&](uint64_t key) {
-        m_buckets.emplace(key, item);
+        m_buckets.emplace(key, slot);
         return true;
     });
 }
 
-void EqualityIndex::Erase(BSTR item) noexcept {
+void EqualityIndex::Erase(size_t slot, BSTR item) noexcept {
     Follow(item, [&](uint64_t key) {
         auto range = m_buckets.equal_range(key);
         for (auto it = range.first; it != range.second; ++it) {
-            if (it->second == item) {
+            if (it->second == slot) {
                 m_buckets.erase(it);
                 return true;
             }
@@ -70,34 +96,23 @@ void EqualityIndex::Follow(BSTR item, Change&& change) noexcept {
     Drop();
 }
 
-EqualityIndex::Answer EqualityIndex::Contains(BSTR text) {
+EqualityIndex::Answer EqualityIndex::First(BSTR text, const StringSlots& items, size_t* slot) {
     uint64_t key;
     if (!m_ready || !KeyOf(text, &key)) return Answer::Unknown;
+    size_t first = StringSlots::kNone;
     auto range = m_buckets.equal_range(key);
     for (auto it = range.first; it != range.second; ++it) {
-        if (::VarBstrCmp(text, it->second, LOCALE_USER_DEFAULT, m_flags) == VARCMP_EQ) return Answer::Yes;
+        if (it->second < first && ::VarBstrCmp(text, items.At(it->second), LOCALE_USER_DEFAULT, m_flags) == VARCMP_EQ)
+            first = it->second;
     }
-    return Answer::No;
+    *slot = first;
+    return first == StringSlots::kNone ? Answer::No : Answer::Yes;
 }
 
 bool EqualityIndex::KeyOf(BSTR text, uint64_t* key) {
-    // VarBstrCmp settles some cases before it consults the locale: a null or
-    // empty string equals only another, and a string that starts with U+0000
-    // never equals one that does not. The class byte keeps those apart.
-    UINT length = ::SysStringLen(text);
-    BYTE kind = length == 0 ? 0 : text[0] == L'\0' ? 1 : 2;
+    if (!MakeSortKey(text, m_flags, &m_sortKey)) return false;
     com::Fnv1 hash;
-    hash.Add(&kind, 1);
-    if (length > 0) {
-        const DWORD mapFlags = LCMAP_SORTKEY | m_flags;
-        int size = ::LCMapStringW(LOCALE_USER_DEFAULT, mapFlags, text, static_cast<int>(length), nullptr, 0);
-        if (size <= 0) return false;
-        m_sortKey.resize(static_cast<size_t>(size));
-        size = ::LCMapStringW(LOCALE_USER_DEFAULT, mapFlags, text, static_cast<int>(length),
-                              reinterpret_cast<LPWSTR>(m_sortKey.data()), size);
-        if (size <= 0) return false;
-        hash.Add(m_sortKey.data(), static_cast<size_t>(size));
-    }
+    hash.Add(m_sortKey.data(), m_sortKey.size());
     *key = hash.Value();
     return true;
 }

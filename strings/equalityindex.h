@@ -1,12 +1,12 @@
-// Answers "does the collection hold a string that VarBstrCmp calls equal to
-// this one?" without comparing against every element.
+// Finds the elements of a string collection that VarBstrCmp, under given
+// flags, calls equal to a text, without comparing against every element.
 //
-// Strings are bucketed by a hash of their sort key (LCMapStringW with
+// Elements are bucketed by a hash of their sort key (LCMapStringW with
 // LCMAP_SORTKEY, the same locale and the same flags as the comparison), and
-// only the strings of one bucket are compared, with VarBstrCmp itself. A false
-// bucket match therefore costs a comparison and nothing else; what the index
-// relies on is the other direction, that strings which compare equal have
-// equal sort keys. That is checked by the tests for the flags that
+// only the elements of one bucket are compared, with VarBstrCmp itself. A
+// false bucket match therefore costs a comparison and nothing else; what the
+// index relies on is the other direction, that strings which compare equal
+// have equal sort keys. That is checked by the tests for the flags that
 // Covers() accepts; under any other flags the collection scans.
 #pragma once
 
@@ -17,9 +17,15 @@
 #include <unordered_map>
 #include <vector>
 
-#include "com/raii.h"
+#include "strings/slots.h"
 
 namespace ky {
+
+// The sort key that orders `text` under `flags` as VarBstrCmp does, for the
+// flags that EqualityIndex::Covers() accepts: a class byte (0 for a null or
+// empty string, 1 for one that starts with U+0000, which VarBstrCmp settles
+// apart, 2 otherwise), then LCMapStringW's key. False when none can be made.
+bool MakeSortKey(BSTR text, ULONG flags, std::vector<BYTE>* key);
 
 class EqualityIndex {
 public:
@@ -31,16 +37,17 @@ public:
     // True when the index holds every element, keyed for `flags`.
     bool ReadyFor(ULONG flags) const { return m_ready && m_flags == flags; }
     void Drop();
-    // Indexes `items` for `flags`; on failure the index stays dropped.
-    void Build(const std::vector<com::Bstr>& items, ULONG flags);
+    // Indexes the live elements for `flags`; on failure the index stays dropped.
+    void Build(const StringSlots& items, ULONG flags);
 
     // Keep a ready index in step with the collection. Neither throws: an
     // index that cannot follow is dropped and rebuilt when next needed.
-    void Insert(BSTR item) noexcept;
-    void Erase(BSTR item) noexcept;
+    void Insert(size_t slot, BSTR item) noexcept;
+    void Erase(size_t slot, BSTR item) noexcept;
 
-    // Unknown when no key could be made for `text`.
-    Answer Contains(BSTR text);
+    // Yes with the first slot in list order (the lowest) whose element equals
+    // `text`; No when none does; Unknown when no key could be made for it.
+    Answer First(BSTR text, const StringSlots& items, size_t* slot);
 
 private:
     bool KeyOf(BSTR text, uint64_t* key);
@@ -48,7 +55,7 @@ private:
     template <class Change>
     void Follow(BSTR item, Change&& change) noexcept;
 
-    std::unordered_multimap<uint64_t, BSTR> m_buckets;
+    std::unordered_multimap<uint64_t, size_t> m_buckets;  // key hash -> slot
     std::vector<BYTE> m_sortKey;
     ULONG m_flags = 0;
     bool m_ready = false;

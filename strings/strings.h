@@ -15,6 +15,7 @@
 #include "kyutils.h"
 #include "strings/equalityindex.h"
 #include "strings/persistence.h"
+#include "strings/slots.h"
 
 namespace ky {
 
@@ -50,15 +51,19 @@ public:
     size_t Size();
 
 private:
-    // The element that a VARIANT designates, by text or by position.
-    bool Find(const VARIANT& key, size_t* position);
-    // Whether an element equals `text` under the comparison flags.
-    bool HoldsEqual(BSTR text);
+    // The slot of the element that a VARIANT designates, by text or by position.
+    bool Find(const VARIANT& key, size_t* slot);
+    // The first slot in list order whose element VarBstrCmp under `flags`
+    // calls equal to `text`, from `index` where it can answer, else by a scan.
+    size_t FirstEqual(BSTR text, ULONG flags, EqualityIndex& index);
+    // Orders `handles` (stably) as VarBstrCmp under `flags` does.
+    static void SortHandles(std::vector<BSTR>& handles, ULONG flags, bool ascending);
 
-    std::vector<com::Bstr> m_items;
+    StringSlots m_items;
     bool m_unique = false;
     ULONG m_compareFlags = 0;
-    EqualityIndex m_index;
+    EqualityIndex m_uniqueIndex;  // for Add: keyed by CompareFlags
+    EqualityIndex m_lookupIndex;  // for lookups by text: keyed by flags 0
 };
 
 namespace detail {
@@ -141,8 +146,10 @@ template <class Visit>
 HRESULT CCoKyStrings::VisitFrom(size_t position, ULONG count, Visit&& visit, ULONG* visited) {
     *visited = 0;
     com::Lock lock(m_lock);
-    while (*visited < count && position + *visited < m_items.size()) {
-        HRESULT hr = visit(m_items[position + *visited].Get(), *visited);
+    if (position >= m_items.Size()) return S_OK;
+    for (size_t slot = m_items.SlotOf(position); *visited < count && slot != StringSlots::kNone;
+         slot = m_items.NextLive(slot + 1)) {
+        HRESULT hr = visit(m_items.At(slot), *visited);
         if (FAILED(hr)) return hr;
         ++*visited;
     }

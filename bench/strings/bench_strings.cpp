@@ -139,29 +139,64 @@ int main() {
         std::printf("%-44s %10.0fx\n", "  faster than the scan by", fullScan / fill);
     }
 
-    // Lookup by text, always case-sensitive: the same targets both ways.
+    // Lookups and removals by text compare case-sensitively whatever
+    // CompareFlags holds: the same targets under several flag values, each
+    // next to Item by position on the same collection.
     {
+        std::vector<long> positions;
         std::vector<BSTR> targets;
-        for (int i = 0; i < kProbes; ++i) targets.push_back(texts[random() % kCount]);
-        double ours = Timed([] {},
+        for (int i = 0; i < kProbes; ++i) {
+            positions.push_back(static_cast<long>(random() % kCount));
+            targets.push_back(texts[positions.back()]);
+        }
+        auto key = [](BSTR text) {
+            VARIANT v;
+            V_VT(&v) = VT_BSTR;
+            V_BSTR(&v) = text;
+            return v;
+        };
+        double scan = Timed([] {},
                             [&] {
-                                for (BSTR target : targets) {
-                                    VARIANT key;
-                                    V_VT(&key) = VT_BSTR;
-                                    V_BSTR(&key) = target;
-                                    BSTR found = nullptr;
-                                    full->get_Item(key, &found);
-                                    ::SysFreeString(found);
-                                }
-                            });
-        double base = Timed([] {},
-                            [&] {
-                                for (BSTR target : targets) {
+                                for (BSTR target : targets)
                                     for (BSTR item : texts)
                                         if (::VarBstrCmp(item, target, LOCALE_USER_DEFAULT, 0) == VARCMP_EQ) break;
-                                }
                             });
-        ky::bench::Report("Item by text", ours, "linear VarBstrCmp scan", base, kProbes);
+        for (ULONG flags : {0ul, kFlags, ULONG(NORM_IGNORECASE | NORM_IGNOREWIDTH | NORM_IGNOREKANATYPE), 0x10000000ul}) {
+            std::printf("CompareFlags 0x%08lX\n", flags);
+            full->put_CompareFlags(flags);
+            double byPosition = Timed([] {},
+                                      [&] {
+                                          for (long position : positions) {
+                                              VARIANT at;
+                                              V_VT(&at) = VT_I4;
+                                              V_I4(&at) = position;
+                                              BSTR found = nullptr;
+                                              full->get_Item(at, &found);
+                                              ::SysFreeString(found);
+                                          }
+                                      });
+            double byText = Timed([] {},
+                                  [&] {
+                                      for (BSTR target : targets) {
+                                          BSTR found = nullptr;
+                                          full->get_Item(key(target), &found);
+                                          ::SysFreeString(found);
+                                      }
+                                  });
+            // The removed strings go back (at the end) before each round.
+            double removal = Timed(
+                [&] {
+                    for (BSTR target : targets) full->Add(target);
+                },
+                [&] {
+                    for (BSTR target : targets) full->Remove(key(target));
+                });
+            for (BSTR target : targets) full->Add(target);
+            ky::bench::Report("  Item by text", byText, "Item by position", byPosition, kProbes);
+            ky::bench::Report("  Remove by text", removal, "Item by position", byPosition, kProbes);
+            ky::bench::Report("  Item by text", byText, "linear VarBstrCmp scan", scan, kProbes);
+        }
+        full->put_CompareFlags(kFlags);
     }
     full->Release();
 

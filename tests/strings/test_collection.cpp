@@ -93,11 +93,14 @@ TEST_F(Strings, UniquenessFollowsCompareFlagsWhileLookupStaysCaseSensitive) {
     EXPECT_EQ(L"cn", Item(Arg(L"cn")));
 }
 
-// With uniqueness on, Add must refuse exactly what VarBstrCmp under the
-// compare flags calls equal to an element. The collection answers from an
-// index where it can; a plain scan is the reference here, over strings on the
-// edges of the comparison and elements that only a stream brings in.
-TEST(Uniqueness, AddRefusesExactlyWhatAComparisonScanFindsEqual) {
+// The collection answers from indexes and sorts by sort keys where it can;
+// plain scans and std::stable_sort with VarBstrCmp are the reference here,
+// over strings on the edges of the comparison and elements that only a
+// stream brings in: with uniqueness on, Add refuses exactly what VarBstrCmp
+// under the compare flags calls equal to an element; Item and Remove by text
+// find the first element that it calls equal under flags 0; Sort gives the
+// same stable order, both ways.
+TEST(Uniqueness, IndexesAndSortAgreeWithAComparisonScan) {
     // Case, width, kana, accents precomposed and combined, ignorables, symbols, digits.
     const wchar_t kAlphabet[] =
         L"aAbBzZ09-' .,!\u00e9e\u0301\u00c9\uff41\uff21\u30a2\u3042\u30ab\u304b\u00ad\u200b"
@@ -156,9 +159,38 @@ TEST(Uniqueness, AddRefusesExactlyWhatAComparisonScanFindsEqual) {
             }
         }
         EXPECT_GT(refused, 0);
-        std::wstring expected;
-        for (size_t k = 0; k < held.size(); ++k) expected += (k ? L" " : L"") + Text(held[k]);
-        EXPECT_EQ(expected, Joined(strings.Get()));
+        auto joined = [&] {
+            std::wstring text;
+            for (size_t k = 0; k < held.size(); ++k) text += (k ? L" " : L"") + Text(held[k]);
+            return text;
+        };
+        EXPECT_EQ(joined(), Joined(strings.Get()));
+        // Lookups and removals by text: the first equal element under flags 0.
+        for (size_t i = 0; i < candidates.size(); i += 3) {
+            BSTR text = candidates[i];
+            VARIANT key;  // the text as it is, zeros and null included
+            V_VT(&key) = VT_BSTR;
+            V_BSTR(&key) = text;
+            auto first = std::find_if(held.begin(), held.end(), [&](const com::Bstr& item) {
+                return ::VarBstrCmp(item, text, LOCALE_USER_DEFAULT, 0) == VARCMP_EQ;
+            });
+            com::Bstr found;
+            EXPECT_HR(first == held.end() ? E_KY_ELEMENTNOTFOUND : S_OK, strings->get_Item(key, found.Out()));
+            if (first == held.end()) continue;
+            EXPECT_EQ(Text(*first), Text(found));
+            if (i % 2) continue;
+            EXPECT_HR(S_OK, strings->Remove(key));
+            held.erase(first);
+        }
+        EXPECT_EQ(joined(), Joined(strings.Get()));
+        for (VARIANT_BOOL ascending : {VARIANT_TRUE, VARIANT_FALSE}) {
+            const HRESULT precedes = ascending ? VARCMP_LT : VARCMP_GT;
+            std::stable_sort(held.begin(), held.end(), [&](const com::Bstr& a, const com::Bstr& b) {
+                return ::VarBstrCmp(a, b, LOCALE_USER_DEFAULT, flags) == precedes;
+            });
+            EXPECT_HR(S_OK, strings->Sort(ascending, 0, 0));
+            EXPECT_EQ(joined(), Joined(strings.Get())) << "ascending " << int(ascending);
+        }
     }
 }
 
