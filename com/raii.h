@@ -5,6 +5,7 @@
 #include <windows.h>
 #include <oleauto.h>
 
+#include <atomic>
 #include <utility>
 
 namespace com {
@@ -135,15 +136,48 @@ private:
     HANDLE m_handle = nullptr;
 };
 
-// A re-entrant critical section. InitializeCriticalSectionEx only fails on
-// systems older than anything this library runs on, so construction does not
-// report failure; Initialized() is there for the module, which must.
+// A re-entrant lock, one per object. Built on a slim reader/writer lock: it
+// needs no kernel object and nothing to delete, where deleting a Win32
+// critical section costs a call into the system (under Wine a round trip to
+// its server), which made releasing a large model take seconds.
 class CriticalSection {
 public:
-    CriticalSection() { m_ok = ::InitializeCriticalSectionAndSpinCount(&m_cs, 0) != FALSE; }
+    CriticalSection() = default;
     CriticalSection(const CriticalSection&) = delete;
     CriticalSection& operator=(const CriticalSection&) = delete;
-    ~CriticalSection() {
+    void Enter() {
+        const DWORD self = ::GetCurrentThreadId();
+        // Only this thread ever stores its own id, so seeing it means this
+        // thread holds the lock.
+        if (m_owner.load(std::memory_order_relaxed) == self) {
+            ++m_depth;
+            return;
+        }
+        ::AcquireSRWLockExclusive(&m_lock);
+        m_owner.store(self, std::memory_order_relaxed);
+        m_depth = 1;
+    }
+    void Leave() {
+        if (--m_depth == 0) {
+            m_owner.store(0, std::memory_order_relaxed);
+            ::ReleaseSRWLockExclusive(&m_lock);
+        }
+    }
+
+private:
+    SRWLOCK m_lock = SRWLOCK_INIT;
+    std::atomic<DWORD> m_owner{0};
+    DWORD m_depth = 0;
+};
+
+// A Win32 critical section, for the few locks that live as long as the
+// process and must report a failed initialisation.
+class SystemCriticalSection {
+public:
+    SystemCriticalSection() { m_ok = ::InitializeCriticalSectionEx(&m_cs, 0, 0) != FALSE; }
+    SystemCriticalSection(const SystemCriticalSection&) = delete;
+    SystemCriticalSection& operator=(const SystemCriticalSection&) = delete;
+    ~SystemCriticalSection() {
         if (m_ok) ::DeleteCriticalSection(&m_cs);
     }
     void Enter() { ::EnterCriticalSection(&m_cs); }
@@ -155,22 +189,23 @@ private:
     bool m_ok = false;
 };
 
-// Holds a critical section for a scope; Unlock() leaves it early.
+// Holds a lock for a scope; Unlock() leaves it early.
+template <class Section>
 class Lock {
 public:
-    explicit Lock(CriticalSection& cs) : m_cs(&cs) { m_cs->Enter(); }
+    explicit Lock(Section& section) : m_section(&section) { m_section->Enter(); }
     Lock(const Lock&) = delete;
     Lock& operator=(const Lock&) = delete;
     ~Lock() { Unlock(); }
     void Unlock() {
-        if (m_cs) {
-            m_cs->Leave();
-            m_cs = nullptr;
+        if (m_section) {
+            m_section->Leave();
+            m_section = nullptr;
         }
     }
 
 private:
-    CriticalSection* m_cs;
+    Section* m_section;
 };
 
 // Owns an open registry key.

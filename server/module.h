@@ -55,7 +55,7 @@ private:
     HRESULT RegisterClasses(bool reg);
     HRESULT RegisterTypeLibrary(bool reg);
 
-    com::CriticalSection m_lock;
+    com::SystemCriticalSection m_lock;
     bool m_initialized;
     bool m_terminated = false;
     IGlobalInterfaceTable* m_git = nullptr;
