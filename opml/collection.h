@@ -156,6 +156,30 @@ public:
 
     void FinalRelease() { ReleaseAll(m_items); }
 
+    // The elements as they stand, each with a reference of its own.
+    std::vector<com::ComPtr<Element>> Snapshot() {
+        com::Lock lock(m_lock);
+        return m_items;
+    }
+
+    // Calls `visit(element)` for each element, under the collection's lock:
+    // `visit` must not call out of the library.
+    template <class Visit>
+    void ForEach(Visit&& visit) {
+        com::Lock lock(m_lock);
+        for (const auto& item : m_items) visit(item.Get());
+    }
+
+    // Room for `count` more elements; a hint, so running short of memory
+    // here is left for Append to report.
+    void Reserve(size_t count) {
+        com::Lock lock(m_lock);
+        try {
+            m_items.reserve(m_items.size() + count);
+        } catch (const std::exception&) {
+        }
+    }
+
     // Makes a new element and appends it.
     HRESULT Append(com::ComPtr<Element>& element) {
         HRESULT hr = Element::Make(element);

@@ -31,7 +31,7 @@ STDMETHODIMP CCoDocument::get_Body(IOPMLOutlines** ppBody) { return HandOut(m_bo
 
 STDMETHODIMP CCoDocument::Load(VARIANT* pvData) {
     if (!pvData) return E_POINTER;
-    return com::Guard([&] { return LoadDocument(this, *pvData); });
+    return com::Guard([&] { return LoadDocument(m_header.Get(), m_body.Get(), *pvData); });
 }
 
 STDMETHODIMP CCoDocument::Save(VARIANT* pvData) {
@@ -42,7 +42,7 @@ STDMETHODIMP CCoDocument::Save(VARIANT* pvData) {
         FAILED(V_UNKNOWN(pvData)->QueryInterface(IID_PPV_ARGS(&stream)))) {
         return E_INVALIDARG;
     }
-    return SaveDocument(this, stream.Get());
+    return SaveDocument(m_header.Get(), m_body.Get(), stream.Get());
 }
 
 }  // namespace OPML

@@ -16,8 +16,23 @@ constexpr wchar_t kType[] = L"type";
 constexpr wchar_t kIsComment[] = L"isComment";
 constexpr wchar_t kIsBreakpoint[] = L"isBreakpoint";
 
-bool SameText(BSTR stored, const wchar_t* text, UINT length) {
-    return ::SysStringLen(stored) == length && (length == 0 || wmemcmp(stored, text, length) == 0);
+bool SameText(const std::wstring& stored, const wchar_t* text, UINT length) {
+    return stored.size() == length && (length == 0 || wmemcmp(stored.data(), text, length) == 0);
+}
+
+HRESULT CopyOut(const std::wstring& stored, BSTR* target) {
+    *target = ::SysAllocStringLen(stored.data(), static_cast<UINT>(stored.size()));
+    return *target ? S_OK : E_OUTOFMEMORY;
+}
+
+// Copies outside the lock, then swaps in under it.
+HRESULT Store(com::CriticalSection& lock, std::wstring& target, const wchar_t* text, UINT length) {
+    return com::Guard([&] {
+        std::wstring copy(text ? text : L"", text ? length : 0);
+        com::Lock held(lock);
+        target.swap(copy);
+        return S_OK;
+    });
 }
 
 }  // namespace
@@ -27,7 +42,7 @@ bool SameText(BSTR stored, const wchar_t* text, UINT length) {
 STDMETHODIMP CCoAttribute::get_Name(BSTR* pbstrName) {
     if (!pbstrName) return E_POINTER;
     com::Lock lock(m_lock);
-    return CopyText(m_name, pbstrName);
+    return CopyOut(m_name, pbstrName);
 }
 
 STDMETHODIMP CCoAttribute::put_Name(BSTR bstrName) { return SetName(bstrName); }
@@ -35,7 +50,7 @@ STDMETHODIMP CCoAttribute::put_Name(BSTR bstrName) { return SetName(bstrName); }
 STDMETHODIMP CCoAttribute::get_Value(BSTR* pbstrValue) {
     if (!pbstrValue) return E_POINTER;
     com::Lock lock(m_lock);
-    return CopyText(m_value, pbstrValue);
+    return CopyOut(m_value, pbstrValue);
 }
 
 STDMETHODIMP CCoAttribute::put_Value(BSTR bstrValue) { return SetValue(bstrValue, ::SysStringLen(bstrValue)); }
@@ -51,22 +66,12 @@ bool CCoAttribute::ValueIs(const wchar_t* value, UINT length) {
 }
 
 HRESULT CCoAttribute::SetName(const wchar_t* name) {
-    com::Bstr copy;
-    HRESULT hr = StoreText(copy, name, name ? static_cast<UINT>(wcslen(name)) : 0);
-    if (FAILED(hr)) return hr;
-    com::Lock lock(m_lock);
-    m_name = std::move(copy);
-    return S_OK;
+    return SetName(name, name ? static_cast<UINT>(wcslen(name)) : 0);
 }
 
-HRESULT CCoAttribute::SetValue(const wchar_t* value, UINT length) {
-    com::Bstr copy;
-    HRESULT hr = StoreText(copy, value, length);
-    if (FAILED(hr)) return hr;
-    com::Lock lock(m_lock);
-    m_value = std::move(copy);
-    return S_OK;
-}
+HRESULT CCoAttribute::SetName(const wchar_t* name, UINT length) { return Store(m_lock, m_name, name, length); }
+
+HRESULT CCoAttribute::SetValue(const wchar_t* value, UINT length) { return Store(m_lock, m_value, value, length); }
 
 // --- CCoAttributes ------------------------------------------------------------
 
@@ -99,10 +104,19 @@ bool COutlines::Matches(CCoOutline* outline, BSTR name) { return outline->TextIs
 
 // --- CCoOutline ---------------------------------------------------------------
 
-HRESULT CCoOutline::FinalConstruct() {
-    HRESULT hr = CCoAttributes::Make(m_attributes);
-    if (SUCCEEDED(hr)) hr = COutlines::Make(m_subItems);
-    return hr;
+HRESULT CCoOutline::FinalConstruct() { return CCoAttributes::Make(m_attributes); }
+
+CCoOutline::~CCoOutline() {
+    if (COutlines* children = m_subItems.load()) children->Release();
+}
+
+COutlines* CCoOutline::Children() {
+    COutlines* children = m_subItems.load(std::memory_order_acquire);
+    if (children) return children;
+    ComPtr<COutlines> made;
+    if (FAILED(COutlines::Make(made))) return nullptr;
+    if (m_subItems.compare_exchange_strong(children, made.Get(), std::memory_order_acq_rel)) return made.Detach();
+    return children;  // another thread made them first; ours go
 }
 
 STDMETHODIMP CCoOutline::get_Text(BSTR* pbstrText) { return GetText(kText, pbstrText); }
@@ -122,7 +136,12 @@ STDMETHODIMP CCoOutline::get_Attributes(IOPMLAttributes** ppAttributes) {
     return HandOut(m_attributes.Get(), ppAttributes);
 }
 
-STDMETHODIMP CCoOutline::get_SubItems(IOPMLOutlines** ppSubItems) { return HandOut(m_subItems.Get(), ppSubItems); }
+STDMETHODIMP CCoOutline::get_SubItems(IOPMLOutlines** ppSubItems) {
+    if (!ppSubItems) return E_POINTER;
+    COutlines* children = Children();
+    if (!children) return E_OUTOFMEMORY;
+    return HandOut(children, ppSubItems);
+}
 
 bool CCoOutline::TextIs(const wchar_t* text, UINT length) {
     ComPtr<CCoAttribute> attribute = m_attributes->Find(kText);

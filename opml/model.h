@@ -7,6 +7,8 @@
 #include <windows.h>
 #include <ocidl.h>
 
+#include <atomic>
+#include <string>
 #include <vector>
 
 #include "com/object.h"
@@ -38,12 +40,22 @@ public:
     bool NameIs(const wchar_t* name, UINT length);
     bool ValueIs(const wchar_t* value, UINT length);
     HRESULT SetName(const wchar_t* name);
+    HRESULT SetName(const wchar_t* name, UINT length);
     HRESULT SetValue(const wchar_t* value, UINT length);
+    // Calls `read(name, value)` with the stored strings, under the
+    // attribute's lock.
+    template <class Reader>
+    auto Read(Reader&& read) {
+        com::Lock lock(m_lock);
+        return read(m_name, m_value);
+    }
 
 private:
     com::CriticalSection m_lock;
-    com::Bstr m_name;
-    com::Bstr m_value;
+    // Plain strings rather than BSTRs: short names and values (most of them)
+    // are kept inside the object, without an allocation of their own.
+    std::wstring m_name;
+    std::wstring m_value;
 };
 
 // The attributes of an outline, in insertion order (the order they are written).
@@ -104,6 +116,14 @@ public:
 
     // The value of the "text" attribute, without adding it when missing.
     bool TextIs(const wchar_t* text, UINT length);
+    // The outline's own collections, for the reader and the writer. The
+    // sub-items are made when first asked for (most outlines are leaves);
+    // null when that fails for want of memory.
+    CCoAttributes* AttributeList() const { return m_attributes.Get(); }
+    COutlines* Children();
+    // The sub-items if they were ever made, else null.
+    COutlines* ExistingChildren() const { return m_subItems.load(std::memory_order_acquire); }
+    ~CCoOutline() override;
 
 private:
     HRESULT GetText(const wchar_t* name, BSTR* value);
@@ -113,9 +133,10 @@ private:
     HRESULT ReadNamed(LPCOLESTR name, VARTYPE type, VARIANT* value);
     HRESULT WriteNamed(LPCOLESTR name, const VARIANT* value);
 
-    // Both are made with the outline and live as long as it: no lock needed.
+    // Made with the outline and kept as long as it: no lock needed.
     ComPtr<CCoAttributes> m_attributes;
-    ComPtr<COutlines> m_subItems;
+    // Made once, by whichever thread asks first; owned (one reference).
+    std::atomic<COutlines*> m_subItems{nullptr};
 };
 
 // The numbers of the expanded outline lines.

@@ -69,13 +69,13 @@ bool IsNullText(const VARIANT& input) {
     }
 }
 
-HRESULT LoadDocument(IOPMLDocument* document, const VARIANT& input) {
+HRESULT LoadDocument(IOPMLHeader* header, COutlines* body, const VARIANT& input) {
     // Declared first so that it outlives the reader, which holds it while installed.
     CParser parser;
     com::ComPtr<ISAXXMLReader> reader;
     HRESULT hr = ::CoCreateInstance(sax::kReader40, nullptr, CLSCTX_INPROC_SERVER, sax::kIReader, &reader);
     if (FAILED(hr)) return hr;
-    hr = parser.Prepare(document);
+    hr = parser.Prepare(header, body);
     if (FAILED(hr)) return hr;
     hr = reader->putContentHandler(&parser);
     if (SUCCEEDED(hr)) hr = reader->putErrorHandler(&parser);
@@ -102,20 +102,14 @@ HRESULT LoadDocument(IOPMLDocument* document, const VARIANT& input) {
     return (parser.State() & CParser::kFailed) ? E_FAIL : S_OK;
 }
 
-HRESULT CParser::Prepare(IOPMLDocument* document) {
-    m_document = document;
-    HRESULT hr = document->get_Header(&m_header);
-    if (SUCCEEDED(hr)) hr = document->get_Body(&m_body);
-    if (FAILED(hr)) {
-        ReleaseDocument();
-        return hr;
-    }
+HRESULT CParser::Prepare(IOPMLHeader* header, COutlines* body) {
+    m_header = header;
+    m_body = body;
     m_state = kReady;
     return S_OK;
 }
 
 void CParser::ReleaseDocument() {
-    m_document.Reset();
     m_header.Reset();
     m_body.Reset();
     m_stack.clear();
@@ -178,7 +172,7 @@ STDMETHODIMP CParser::startElement(const wchar_t*, int, const wchar_t* pwchLocal
     }
     if ((m_state & kBodyAllowed) && Is(pwchLocalName, cchLocalName, L"body") && m_body) {
         return com::Guard([&] {
-            m_stack.push_back(m_body);
+            m_stack.emplace_back();  // the body itself
             m_state = kInBody;
             return S_OK;
         });
@@ -189,29 +183,26 @@ STDMETHODIMP CParser::startElement(const wchar_t*, int, const wchar_t* pwchLocal
 HRESULT CParser::StartOutline(ISAXAttributes* attributes) {
     if (m_stack.empty()) return E_UNEXPECTED;
     return com::Guard([&] {
-        com::ComPtr<IOPMLOutline> outline;
-        com::ThrowIfFailed(m_stack.back()->AddNew(&outline));
-        com::ComPtr<IOPMLAttributes> target;
-        com::ThrowIfFailed(outline->get_Attributes(&target));
+        COutlines* list = m_stack.back() ? m_stack.back()->Children() : m_body.Get();
+        if (!list) return E_OUTOFMEMORY;
+        com::ComPtr<CCoOutline> outline;
+        com::ThrowIfFailed(list->Append(outline));
+        CCoAttributes* target = outline->AttributeList();
         int count = 0;
         if (attributes) com::ThrowIfFailed(attributes->getLength(&count));
+        if (count > 0) target->Reserve(static_cast<size_t>(count));
         for (int i = 0; i < count; ++i) {
             const wchar_t* name = nullptr;
             const wchar_t* value = nullptr;
             int nameLength = 0, valueLength = 0;
             com::ThrowIfFailed(attributes->getQName(i, &name, &nameLength));
             com::ThrowIfFailed(attributes->getValue(i, &value, &valueLength));
-            com::Bstr nameText(name, static_cast<UINT>(nameLength));
-            com::Bstr valueText(value, static_cast<UINT>(valueLength));
-            if (nameText.IsNull() || valueText.IsNull()) throw std::bad_alloc();
-            com::ComPtr<IOPMLAttribute> attribute;
-            com::ThrowIfFailed(target->AddNew(&attribute));
-            com::ThrowIfFailed(attribute->put_Name(nameText));
-            com::ThrowIfFailed(attribute->put_Value(valueText));
+            com::ComPtr<CCoAttribute> attribute;
+            com::ThrowIfFailed(target->Append(attribute));
+            com::ThrowIfFailed(attribute->SetName(name, static_cast<UINT>(nameLength)));
+            com::ThrowIfFailed(attribute->SetValue(value, static_cast<UINT>(valueLength)));
         }
-        com::ComPtr<IOPMLOutlines> subItems;
-        com::ThrowIfFailed(outline->get_SubItems(&subItems));
-        m_stack.push_back(subItems);
+        m_stack.push_back(std::move(outline));
         m_state = kInOutline;
         return S_OK;
     });

@@ -10,6 +10,7 @@
 
 #include "com/object.h"
 #include "kyutils.h"
+#include "opml/model.h"
 
 namespace OPML {
 
@@ -21,7 +22,7 @@ constexpr LONG kMaxXmlSizeKiloChars = 4194303;
 // (a BSTR of XML text, a stream, a byte array, ...), passed on as it is. A
 // document that breaks the structure is kept as far as it was read and still
 // gives S_OK; only a failure to set the reader up is returned.
-HRESULT LoadDocument(IOPMLDocument* document, const VARIANT& input);
+HRESULT LoadDocument(IOPMLHeader* header, COutlines* body, const VARIANT& input);
 
 // The content and error handler of one load. It lives on its caller's stack
 // and is never handed out except to the SAX reader for the parse.
@@ -46,8 +47,8 @@ public:
     CParser& operator=(const CParser&) = delete;
     ~CParser() = default;
 
-    // Takes the document, its header and its body, and makes the parser ready.
-    HRESULT Prepare(IOPMLDocument* document);
+    // Takes the document's header and body, and makes the parser ready.
+    HRESULT Prepare(IOPMLHeader* header, COutlines* body);
     DWORD State() const { return m_state; }
 
     // IUnknown: references are counted but never free the parser.
@@ -81,13 +82,16 @@ private:
     HRESULT StartOutline(ISAXAttributes* attributes);
     HRESULT StoreHeaderElement(size_t index);
 
-    com::ComPtr<IOPMLDocument> m_document;
     com::ComPtr<IOPMLHeader> m_header;
-    com::ComPtr<IOPMLOutlines> m_body;
+    com::ComPtr<COutlines> m_body;
     DWORD m_state = 0;
     std::wstring m_text;
-    // The collection that the next outline goes into is on top.
-    std::vector<com::ComPtr<IOPMLOutlines>> m_stack;
+    // The outline whose sub-items the next outline goes into is on top
+    // (null for the body): its collection is made only when a child comes,
+    // as most outlines are leaves. Outlines and attributes are made through
+    // the model's own classes, which take the same locks as its interfaces,
+    // without the copies that passing strings through the interfaces costs.
+    std::vector<com::ComPtr<CCoOutline>> m_stack;
     volatile LONG m_refs = 0;
 };
 

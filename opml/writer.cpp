@@ -17,18 +17,48 @@ using com::ThrowIfFailed;
 constexpr char kTabs[] = "\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t";
 constexpr unsigned kMaxTabsPerWrite = sizeof kTabs - 1;
 
-// Appends UTF-8 text escaped for XML: &, < and > always; " and ' only as
-// attribute text, so quotes stay as they are in element text. TAB, LF and
-// CR are written as character references where a reader would otherwise
-// change them: CR everywhere (readers turn CR LF into LF), TAB and LF in
-// attributes (readers turn them into blanks). The other control characters
-// cannot appear in XML 1.0 at all, not even as references, and are left out.
-void AppendEscaped(std::string& out, const char* text, size_t length, bool attribute) {
-    const char* run = text;
-    const char* end = text + length;
-    for (const char* p = text; p < end; ++p) {
-        const char* replacement;
-        switch (static_cast<unsigned char>(*p)) {
+// Appends UTF-16 text as UTF-8; unpaired surrogates become U+FFFD, as the
+// system's conversion makes them.
+void AppendUtf8(std::string& out, const wchar_t* text, size_t length) {
+    if (length == 0) return;
+    // Up to three bytes per UTF-16 unit must fit the conversion's int.
+    if (length > INT_MAX / 3) ThrowIfFailed(E_UNEXPECTED);
+    const int size = ::WideCharToMultiByte(CP_UTF8, 0, text, static_cast<int>(length), nullptr, 0, nullptr, nullptr);
+    if (size <= 0) ThrowIfFailed(E_UNEXPECTED);
+    const size_t at = out.size();
+    out.resize(at + static_cast<size_t>(size));
+    ::WideCharToMultiByte(CP_UTF8, 0, text, static_cast<int>(length), &out[at], size, nullptr, nullptr);
+}
+
+// Appends UTF-16 text as UTF-8 escaped for XML: &, < and > always; " and '
+// only as attribute text, so quotes stay as they are in element text. TAB,
+// LF and CR are written as character references where a reader would
+// otherwise change them: CR everywhere (readers turn CR LF into LF), TAB and
+// LF in attributes (readers turn them into blanks). The other control
+// characters cannot appear in XML 1.0 at all, not even as references, and
+// are left out. ASCII is copied as it goes; each run of other characters is
+// converted in one call, so surrogate pairs stay together.
+void AppendEscaped(std::string& out, const wchar_t* text, size_t length, bool attribute) {
+    // ASCII goes through a small buffer, appended a block at a time.
+    char buffer[256];
+    size_t used = 0;
+    const wchar_t* end = text + length;
+    for (const wchar_t* p = text; p < end;) {
+        if (used > sizeof buffer - 8) {
+            out.append(buffer, used);
+            used = 0;
+        }
+        if (*p >= 0x80) {
+            out.append(buffer, used);
+            used = 0;
+            const wchar_t* run = p;
+            while (p < end && *p >= 0x80) ++p;
+            AppendUtf8(out, run, static_cast<size_t>(p - run));
+            continue;
+        }
+        const char c = static_cast<char>(*p++);
+        const char* replacement = nullptr;
+        switch (c) {
             case '&': replacement = "&amp;"; break;
             case '<': replacement = "&lt;"; break;
             case '>': replacement = "&gt;"; break;
@@ -37,21 +67,15 @@ void AppendEscaped(std::string& out, const char* text, size_t length, bool attri
             case '\t': replacement = attribute ? "&#9;" : nullptr; break;
             case '\n': replacement = attribute ? "&#10;" : nullptr; break;
             case '\r': replacement = "&#13;"; break;
-            default: replacement = static_cast<unsigned char>(*p) < 0x20 ? "" : nullptr; break;
+            default: replacement = static_cast<unsigned char>(c) < 0x20 ? "" : nullptr; break;
         }
-        if (!replacement) continue;
-        out.append(run, static_cast<size_t>(p - run));
-        out.append(replacement);
-        run = p + 1;
+        if (!replacement) {
+            buffer[used++] = c;
+        } else {
+            while (*replacement) buffer[used++] = *replacement++;
+        }
     }
-    out.append(run, static_cast<size_t>(end - run));
-}
-
-VARIANT Position(LONG position) {
-    VARIANT key;
-    V_VT(&key) = VT_I4;
-    V_I4(&key) = position;
-    return key;
+    out.append(buffer, used);
 }
 
 void WriteString(CXmlTextWriter& out, const char* name, IOPMLHeader* header,
@@ -116,37 +140,34 @@ void WriteHeader(CXmlTextWriter& out, IOPMLHeader* header) {
     ThrowIfFailed(out.Line("</head>"));
 }
 
-void WriteAttributes(CXmlTextWriter& out, IOPMLOutline* outline) {
-    com::ComPtr<IOPMLAttributes> attributes;
-    ThrowIfFailed(outline->get_Attributes(&attributes));
-    LONG count = 0;
-    ThrowIfFailed(attributes->get_Count(&count));
-    for (LONG i = 1; i <= count; ++i) {
-        VARIANT key = Position(i);
-        com::ComPtr<IOPMLAttribute> attribute;
-        ThrowIfFailed(attributes->get_Item(&key, &attribute));
-        com::Bstr name, value;
-        ThrowIfFailed(attribute->get_Name(name.Out()));
-        ThrowIfFailed(attribute->get_Value(value.Out()));
-        ThrowIfFailed(out.Attribute(name, name.Length(), value, value.Length()));
-    }
+// The outline's attributes, one write each: all are formatted under the
+// model's locks first and sent after they are left, so that the caller's
+// stream is never called with a lock of the model held.
+void WriteAttributes(CXmlTextWriter& out, CCoOutline* outline) {
+    out.ClearFormatted();
+    outline->AttributeList()->ForEach([&](CCoAttribute* attribute) {
+        attribute->Read([&](const std::wstring& name, const std::wstring& value) {
+            out.FormatAttribute(name.data(), name.size(), value.data(), value.size());
+        });
+    });
+    ThrowIfFailed(out.SendFormatted());
 }
 
-// The outlines below `outlines`, depth first, from the writer's depth on.
-// A stack of the collections being written stands in for one call per
-// level, so that a tree of any depth the model holds can be written.
-void WriteOutlines(CXmlTextWriter& out, IOPMLOutlines* outlines) {
+// The outlines of `outlines`, depth first, from the writer's depth on. A
+// stack of the collections being written stands in for one call per level,
+// so that a tree of any depth the model holds can be written. Each level
+// is written as it stood when the writer reached it.
+void WriteOutlines(CXmlTextWriter& out, COutlines* outlines) {
     struct Level {
-        com::ComPtr<IOPMLOutlines> outlines;
-        LONG next, count;
+        std::vector<com::ComPtr<CCoOutline>> outlines;
+        size_t next;
     };
     const unsigned base = out.Depth();
-    LONG count = 0;
-    ThrowIfFailed(outlines->get_Count(&count));
-    std::vector<Level> levels{{outlines, 1, count}};
+    std::vector<Level> levels;
+    levels.push_back({outlines->Snapshot(), 0});
     while (!levels.empty()) {
         Level& level = levels.back();
-        if (level.next > level.count) {
+        if (level.next == level.outlines.size()) {
             // The outline that owns this level is closed one level up.
             levels.pop_back();
             if (levels.empty()) break;
@@ -154,18 +175,16 @@ void WriteOutlines(CXmlTextWriter& out, IOPMLOutlines* outlines) {
             ThrowIfFailed(out.Line("</outline>"));
             continue;
         }
-        VARIANT key = Position(level.next++);
-        com::ComPtr<IOPMLOutline> outline;
-        ThrowIfFailed(level.outlines->get_Item(&key, &outline));
+        com::ComPtr<CCoOutline> outline = level.outlines[level.next++];
         out.SetDepth(base + static_cast<unsigned>(levels.size()) - 1);
         ThrowIfFailed(out.Indent());
         ThrowIfFailed(out.Raw("<outline"));
         WriteAttributes(out, outline.Get());
-        com::ComPtr<IOPMLOutlines> subItems;
-        ThrowIfFailed(outline->get_SubItems(&subItems));
-        ThrowIfFailed(subItems->get_Count(&count));
-        ThrowIfFailed(out.Raw(count ? ">" : "/>", true));
-        if (count) levels.push_back({subItems, 1, count});
+        COutlines* children = outline->ExistingChildren();
+        std::vector<com::ComPtr<CCoOutline>> below;
+        if (children) below = children->Snapshot();
+        ThrowIfFailed(out.Raw(below.empty() ? "/>" : ">", true));
+        if (!below.empty()) levels.push_back({std::move(below), 0});
     }
     out.SetDepth(base);
 }
@@ -181,18 +200,6 @@ HRESULT CXmlTextWriter::Send(const char* bytes, size_t count) {
     ULONG written = 0;
     HRESULT hr = m_target->Write(bytes, static_cast<ULONG>(count), &written);
     return FAILED(hr) || written != count ? E_FAIL : S_OK;
-}
-
-HRESULT CXmlTextWriter::ToUtf8(const wchar_t* text, UINT length, std::string* utf8) {
-    utf8->clear();
-    if (length == 0) return S_OK;
-    // Up to three bytes per UTF-16 unit must fit the conversion's int.
-    if (length > INT_MAX / 3) return E_UNEXPECTED;
-    int size = ::WideCharToMultiByte(CP_UTF8, 0, text, static_cast<int>(length), nullptr, 0, nullptr, nullptr);
-    if (size <= 0) return E_UNEXPECTED;
-    utf8->resize(static_cast<size_t>(size));
-    ::WideCharToMultiByte(CP_UTF8, 0, text, static_cast<int>(length), &(*utf8)[0], size, nullptr, nullptr);
-    return S_OK;
 }
 
 HRESULT CXmlTextWriter::Declaration() { return Raw("<?xml version=\"1.0\" encoding=\"utf-8\"?>", true); }
@@ -222,43 +229,54 @@ HRESULT CXmlTextWriter::Raw(const char* bytes, bool lineEnd) {
 HRESULT CXmlTextWriter::TextElement(const char* name, const std::string& utf8) {
     HRESULT hr = Indent();
     if (FAILED(hr)) return hr;
-    m_out.assign(1, '<').append(name).append(1, '>');
-    AppendEscaped(m_out, utf8.data(), utf8.size(), false);
+    m_out.assign(1, '<').append(name).append(1, '>').append(utf8);
     m_out.append("</").append(name).append(1, '>').append(m_lineEnd);
     return Send(m_out.data(), m_out.size());
 }
 
 HRESULT CXmlTextWriter::TextElement(const char* name, const wchar_t* text, UINT length) {
-    HRESULT hr = ToUtf8(text, length, &m_utf8);
-    return SUCCEEDED(hr) ? TextElement(name, m_utf8) : hr;
+    return com::Guard([&] {
+        m_escaped.clear();
+        AppendEscaped(m_escaped, text, length, false);
+        return TextElement(name, m_escaped);
+    });
 }
 
-HRESULT CXmlTextWriter::Attribute(const wchar_t* name, UINT nameLength, const wchar_t* value, UINT valueLength) {
-    HRESULT hr = ToUtf8(name, nameLength, &m_utf8);
-    if (FAILED(hr)) return hr;
-    m_out.assign(1, ' ').append(m_utf8).append("=\"");
-    hr = ToUtf8(value, valueLength, &m_utf8);
-    if (FAILED(hr)) return hr;
-    AppendEscaped(m_out, m_utf8.data(), m_utf8.size(), true);
-    m_out.append(1, '"');
-    return Send(m_out.data(), m_out.size());
+void CXmlTextWriter::ClearFormatted() {
+    m_formatted.clear();
+    m_ends.clear();
 }
 
-HRESULT SaveDocument(IOPMLDocument* document, IStream* target) {
+void CXmlTextWriter::FormatAttribute(const wchar_t* name, size_t nameLength, const wchar_t* value,
+                                     size_t valueLength) {
+    m_formatted.append(1, ' ');
+    AppendUtf8(m_formatted, name, nameLength);
+    m_formatted.append("=\"");
+    AppendEscaped(m_formatted, value, valueLength, true);
+    m_formatted.append(1, '"');
+    m_ends.push_back(m_formatted.size());
+}
+
+HRESULT CXmlTextWriter::SendFormatted() {
+    size_t start = 0;
+    for (size_t end : m_ends) {
+        HRESULT hr = Send(m_formatted.data() + start, end - start);
+        if (FAILED(hr)) return hr;
+        start = end;
+    }
+    return S_OK;
+}
+
+HRESULT SaveDocument(IOPMLHeader* header, COutlines* body, IStream* target) {
     return com::Guard([&] {
         CXmlTextWriter out(target, "\r\n", true);
         ThrowIfFailed(out.Declaration());
         ThrowIfFailed(out.Line("<opml version=\"1.0\">"));
-        com::ComPtr<IOPMLHeader> header;
-        ThrowIfFailed(document->get_Header(&header));
-        WriteHeader(out, header.Get());
-
-        com::ComPtr<IOPMLOutlines> body;
-        ThrowIfFailed(document->get_Body(&body));
+        WriteHeader(out, header);
         out.SetDepth(1);
         ThrowIfFailed(out.Line("<body>"));
         out.SetDepth(2);
-        WriteOutlines(out, body.Get());
+        WriteOutlines(out, body);
         out.SetDepth(1);
         ThrowIfFailed(out.Line("</body>"));
         out.SetDepth(0);

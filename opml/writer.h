@@ -1,15 +1,17 @@
 // The OPML writer: an XML text writer that sends UTF-8 straight into a
 // caller's stream, and the routine that writes a document through the
-// model's interfaces.
+// model.
 #pragma once
 
 #include <windows.h>
 #include <objidl.h>
 
 #include <string>
+#include <vector>
 
 #include "com/object.h"
 #include "kyutils.h"
+#include "opml/model.h"
 
 namespace OPML {
 
@@ -29,15 +31,20 @@ public:
     HRESULT Line(const char* tag);
     // Indent, <name>, the text escaped as element text, </name>, line end.
     HRESULT TextElement(const char* name, const wchar_t* text, UINT length);
+    // The same with UTF-8 that needs no escaping (numbers, dates).
     HRESULT TextElement(const char* name, const std::string& utf8);
-    // A blank, the name as it stands, =", the value escaped as attribute text, ".
-    HRESULT Attribute(const wchar_t* name, UINT nameLength, const wchar_t* value, UINT valueLength);
+    // Attributes are formatted first, each as a blank, the name as it
+    // stands, =", the value escaped as attribute text and ", and sent
+    // afterwards, one write each: formatting can happen under a lock that
+    // sending must not hold. FormatAttribute throws on failure.
+    void ClearFormatted();
+    void FormatAttribute(const wchar_t* name, size_t nameLength, const wchar_t* value, size_t valueLength);
+    HRESULT SendFormatted();
     // `bytes` as they stand, optionally followed by the line end.
     HRESULT Raw(const char* bytes, bool lineEnd = false);
 
 private:
     HRESULT Send(const char* bytes, size_t count);
-    HRESULT ToUtf8(const wchar_t* text, UINT length, std::string* utf8);
 
     com::ComPtr<IStream> m_target;
     std::string m_lineEnd;
@@ -45,12 +52,14 @@ private:
     unsigned m_depth = 0;
     // Scratch space reused from one operation to the next; every operation
     // still writes all of its bytes before it returns.
-    std::string m_utf8;
+    std::string m_escaped;
+    std::string m_formatted;
+    std::vector<size_t> m_ends;
     std::string m_out;
 };
 
-// Writes the document as OPML 1.0. E_FAIL when a write fails or falls short
-// (the bytes already written stay in the stream).
-HRESULT SaveDocument(IOPMLDocument* document, IStream* target);
+// Writes the document of that header and body as OPML 1.0. E_FAIL when a
+// write fails or falls short (the bytes already written stay in the stream).
+HRESULT SaveDocument(IOPMLHeader* header, COutlines* body, IStream* target);
 
 }  // namespace OPML
