@@ -144,17 +144,6 @@ TEST(Godfather, ADanglingPointerIsAnsweredWithEUnexpected) {
     introduce(godfather.Get());
 }
 
-TEST(Godfather, BothGodfathersAreSingletons) {
-    auto expectOne = [](const CLSID& clsid) {
-        ComPtr<IUnknown> a, b;
-        ASSERT_HR(S_OK, ::CoCreateInstance(clsid, nullptr, CLSCTX_INPROC_SERVER, IID_IUnknown, &a));
-        ASSERT_HR(S_OK, ::CoCreateInstance(clsid, nullptr, CLSCTX_INPROC_SERVER, IID_IUnknown, &b));
-        EXPECT_EQ(a.Get(), b.Get());
-    };
-    expectOne(CLSID_MTAObjectGodfather);
-    RunInApartment(COINIT_APARTMENTTHREADED, [&] { expectOne(CLSID_STAObjectGodfather); });
-}
-
 }  // namespace
 }  // namespace ky::test
 

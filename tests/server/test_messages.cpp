@@ -114,12 +114,6 @@ protected:
     HMODULE m_dll = nullptr;
 };
 
-TEST_F(Messages, ElementNotFoundHasItsText) {
-    std::wstring text;
-    ASSERT_TRUE(Format(0x80041021ul, &text));
-    EXPECT_EQ(L"Element was not found.\r\n", text);
-}
-
 TEST_F(Messages, ACodeWithoutAnEntryHasNoText) {
     std::wstring text;
     EXPECT_FALSE(Format(0x80041003ul, &text));
