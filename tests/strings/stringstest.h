@@ -1,11 +1,8 @@
 // What the string-collection test programs share: creating the classes,
-// arguments, reading a collection back, and streams with exact contents.
+// arguments, reading a collection back, and persisted images.
 #pragma once
 
 #include <windows.h>
-#include <objidl.h>
-#include <oleauto.h>
-
 #include <wrl/client.h>
 
 #include <initializer_list>
@@ -27,7 +24,6 @@ ComPtr<I> Create(const CLSID& clsid) {
     EXPECT_HR(S_OK, ::CoCreateInstance(clsid, nullptr, CLSCTX_INPROC_SERVER, __uuidof(I), &object));
     return object;
 }
-
 inline ComPtr<IStrings> NewStrings() { return Create<IStrings>(CLSID_KyStrings); }
 
 // A VARIANT argument that owns its value (VT_EMPTY by default).
@@ -37,19 +33,13 @@ public:
     explicit Arg(long value) { V_VT(this) = VT_I4; V_I4(this) = value; }
     explicit Arg(double value) { V_VT(this) = VT_R8; V_R8(this) = value; }
     explicit Arg(const wchar_t* text) { V_VT(this) = VT_BSTR; V_BSTR(this) = ::SysAllocString(text); }
-    explicit Arg(IUnknown* object) {
-        V_VT(this) = VT_UNKNOWN;
-        V_UNKNOWN(this) = object;
-        if (object) object->AddRef();
-    }
+    explicit Arg(IUnknown* object) { V_VT(this) = VT_UNKNOWN; V_UNKNOWN(this) = object; object->AddRef(); }
     // `type` by reference to the caller's `value`.
     Arg(VARTYPE type, void* value) { V_VT(this) = type | VT_BYREF; V_BYREF(this) = value; }
 };
 
 inline std::wstring Text(BSTR text) { return std::wstring(text ? text : L"", ::SysStringLen(text)); }
-
 inline HRESULT AddText(IStrings* strings, const wchar_t* text) { return strings->Add(com::Bstr(text)); }
-
 inline void AddAll(IStrings* strings, std::initializer_list<const wchar_t*> texts) {
     for (const wchar_t* text : texts) EXPECT_HR(S_OK, AddText(strings, text));
 }
@@ -67,62 +57,46 @@ inline std::wstring Joined(IStrings* strings) {
     return joined;
 }
 
-inline ComPtr<IStream> MemoryStream(const Bytes& bytes = {}) {
-    ComPtr<IStream> stream;
-    EXPECT_HR(S_OK, ::CreateStreamOnHGlobal(nullptr, TRUE, &stream));
-    stream->Write(bytes.data(), static_cast<ULONG>(bytes.size()), nullptr);
-    stream->Seek(LARGE_INTEGER{}, STREAM_SEEK_SET, nullptr);
-    return stream;
-}
-
 inline ComPtr<IPersistStream> PersistOf(IUnknown* object) {
     ComPtr<IPersistStream> persist;
     EXPECT_HR(S_OK, object->QueryInterface(IID_PPV_ARGS(&persist)));
     return persist;
 }
-
-// The image that Save writes for an object (dirty flag kept).
-inline Bytes Saved(IUnknown* object) {
-    ComPtr<IStream> stream = MemoryStream();
-    EXPECT_HR(S_OK, PersistOf(object)->Save(stream.Get(), FALSE));
+// The image that Save writes for an object, clearing the dirty flag or not.
+inline Bytes Saved(IUnknown* object, BOOL clearDirty = FALSE) {
+    ComPtr<IStream> stream;
+    EXPECT_HR(S_OK, ::CreateStreamOnHGlobal(nullptr, TRUE, &stream));
+    EXPECT_HR(S_OK, PersistOf(object)->Save(stream.Get(), clearDirty));
+    HGLOBAL memory = nullptr;
+    ::GetHGlobalFromStream(stream.Get(), &memory);
     ULARGE_INTEGER size{};
     stream->Seek(LARGE_INTEGER{}, STREAM_SEEK_CUR, &size);
-    Bytes bytes(static_cast<size_t>(size.QuadPart));
-    stream->Seek(LARGE_INTEGER{}, STREAM_SEEK_SET, nullptr);
-    if (!bytes.empty()) stream->Read(bytes.data(), static_cast<ULONG>(bytes.size()), nullptr);
-    return bytes;
+    const BYTE* bytes = static_cast<const BYTE*>(::GlobalLock(memory));
+    Bytes image(bytes, bytes + size.QuadPart);
+    ::GlobalUnlock(memory);
+    return image;
 }
-
-// Saves with the dirty flag cleared, so that later changes show in IsDirty.
-inline void SaveClean(IUnknown* object) { EXPECT_HR(S_OK, PersistOf(object)->Save(MemoryStream().Get(), TRUE)); }
-
+inline void SaveClean(IUnknown* object) { Saved(object, TRUE); }  // later changes then show in IsDirty
 inline HRESULT LoadFrom(IUnknown* object, const Bytes& bytes) {
-    return PersistOf(object)->Load(MemoryStream(bytes).Get());
+    ComPtr<IStream> stream;
+    EXPECT_HR(S_OK, ::CreateStreamOnHGlobal(nullptr, TRUE, &stream));
+    stream->Write(bytes.data(), static_cast<ULONG>(bytes.size()), nullptr);
+    stream->Seek(LARGE_INTEGER{}, STREAM_SEEK_SET, nullptr);
+    return PersistOf(object)->Load(stream.Get());
 }
-
-inline ULONGLONG SizeMax(IUnknown* object) {
-    ULARGE_INTEGER size{};
-    EXPECT_HR(S_OK, PersistOf(object)->GetSizeMax(&size));
-    return size.QuadPart;
-}
-
 inline HRESULT IsDirty(IUnknown* object) { return PersistOf(object)->IsDirty(); }
 
 // Pieces of the persisted forms, for building images by hand.
 inline void PutUInt32(Bytes& bytes, ULONG value) {
     for (int i = 0; i < 4; ++i) bytes.push_back(static_cast<BYTE>(value >> (8 * i)));
 }
-// A string record for `length` characters of `text` (embedded zeros kept).
+// A string record for `length` characters of `text` (embedded zeros kept) and its terminator.
 inline void PutString(Bytes& bytes, const wchar_t* text, size_t length) {
     PutUInt32(bytes, static_cast<ULONG>(length * 2 + 2));
     const BYTE* p = reinterpret_cast<const BYTE*>(text);
     bytes.insert(bytes.end(), p, p + length * 2);
-    bytes.insert(bytes.end(), {0, 0});  // the terminator
+    bytes.insert(bytes.end(), {0, 0});
 }
 inline void PutString(Bytes& bytes, const wchar_t* text) { PutString(bytes, text, wcslen(text)); }
-inline void PutGuid(Bytes& bytes, const GUID& guid) {
-    const BYTE* p = reinterpret_cast<const BYTE*>(&guid);
-    bytes.insert(bytes.end(), p, p + sizeof(guid));
-}
 
 }  // namespace ky::test

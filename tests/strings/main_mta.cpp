@@ -1,3 +1,0 @@
-#include "kytest.h"
-
-KY_TEST_MAIN(COINIT_MULTITHREADED)
