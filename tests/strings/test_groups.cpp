@@ -89,7 +89,8 @@ TEST(GroupSet, GroupsAreFoundByNamePositionOrGroupAndAddMergesByName) {
     EXPECT_HR(S_OK, IsDirty(set.Get()));
 }
 
-TEST(GroupSet, RemoveTakesANameAPositionOrAGroupAndNothingMeansAll) {
+// Remove takes a name, a position or a group, and nothing means all.
+TEST(GroupSet, RemoveTakesANamePositionOrGroup) {
     auto set = NewSet();
     SaveClean(set.Get());
     Arg nobody(L"Nobody"), names(L"NAMES"), addresses(1L), byGroup(ItemOf(set.Get(), Arg(2L)).Get());
@@ -133,8 +134,10 @@ TEST(GroupPersist, GroupsAndSetsAreWrittenExactlyAndReadBack) {
     EXPECT_EQ(all.substr(0, all.find(L"Tel/")), Describe(copy.Get()));
 }
 
-// Damaged images of all three classes: every truncation fails, and records
-// that name the set class again and again are refused, not followed.
+// Damaged images of all three classes: every truncation fails, and so do
+// string lengths below the terminator's or far beyond the data, with the
+// elements read before kept; records that name the set class again and
+// again are refused, not followed.
 TEST(DamagedStreams, TruncatedAndEndlesslyNestedImagesAreRefused) {
     auto strings = NewStrings();
     AddAll(strings.Get(), {L"", L"cn"});
@@ -145,6 +148,14 @@ TEST(DamagedStreams, TruncatedAndEndlesslyNestedImagesAreRefused) {
     for (const auto& [clsid, bytes] : images) {
         for (size_t length = 0; length < bytes.size(); ++length)
             EXPECT_HR(E_FAIL, LoadFrom(Create<IUnknown>(*clsid).Get(), Bytes(bytes.begin(), bytes.begin() + length)));
+    }
+    for (ULONG length : {1ul, 0xFFFFFFF0ul}) {
+        Bytes bad = images[0].second;
+        PutUInt32(bad, length);
+        bad.insert(bad.end(), {'z', 0, 0, 0});
+        bad[0] = 3;
+        EXPECT_HR(E_FAIL, LoadFrom(strings.Get(), bad));
+        EXPECT_EQ(L" cn", Joined(strings.Get()));
     }
     Bytes nested;
     for (int level = 0; level < 100000; ++level) {
