@@ -11,21 +11,17 @@ namespace {
 // What the document holds, as an OPML reader reports it: a line with the
 // header's non-empty text fields, then the outline tree. Numbers and dates
 // are checked byte for byte by the writer and round-trip tests.
-std::string Description(IOPMLDocument* document) {
+void WriteSample(const std::string& folder, const char* name, IOPMLDocument* document) {
     ComPtr<IOPMLHeader> header = HeaderOf(document);
     std::wstring head;
-    for (auto field :
-         {std::make_pair(L"title", &IOPMLHeader::get_Title), std::make_pair(L"ownerName", &IOPMLHeader::get_OwnerName),
-          std::make_pair(L"ownerEmail", &IOPMLHeader::get_OwnerEmail)}) {
-        const std::wstring value = Str(header, field.second);
-        if (!value.empty()) head += (head.empty() ? L"" : L" ") + std::wstring(field.first) + L"=\"" + value + L"\"";
+    for (auto [field, get] : {std::make_pair(L"title", &IOPMLHeader::get_Title),
+                              std::make_pair(L"ownerName", &IOPMLHeader::get_OwnerName),
+                              std::make_pair(L"ownerEmail", &IOPMLHeader::get_OwnerEmail)}) {
+        const std::wstring value = Str(header, get);
+        if (!value.empty()) head += (head.empty() ? L"" : L" ") + std::wstring(field) + L"=\"" + value + L"\"";
     }
-    return Narrow(head + L"\n" + TreeText(BodyOf(document).Get()));
-}
-
-void WriteSample(const std::string& folder, const char* name, IOPMLDocument* document) {
     std::ofstream(folder + "\\" + name + ".opml", std::ios::binary) << Saved(document);
-    std::ofstream(folder + "\\" + name + ".txt", std::ios::binary) << Description(document);
+    std::ofstream(folder + "\\" + name + ".txt", std::ios::binary) << Narrow(head + L"\n" + TreeText(BodyOf(document).Get()));
 }
 
 TEST(Samples, WriteDocumentsForOtherParsers) {
@@ -33,7 +29,7 @@ TEST(Samples, WriteDocumentsForOtherParsers) {
     ASSERT_NE(0u, ::GetEnvironmentVariableA("OPML_SAMPLES_DIR", folder, sizeof folder)) << "OPML_SAMPLES_DIR";
     WriteSample(folder, "empty", NewDocument().Get());
     ComPtr<IOPMLDocument> rich = NewDocument();
-    BuildRichDocument(rich.Get(), 300, 40);
+    BuildRichDocument(rich.Get(), 60, 8);
     WriteSample(folder, "rich", rich.Get());
     // Carriage returns in element text, and every character XML escapes.
     ComPtr<IOPMLDocument> specials = NewDocument();

@@ -1,0 +1,3 @@
+#include "kytest.h"
+
+KY_TEST_MAIN(COINIT_MULTITHREADED)
