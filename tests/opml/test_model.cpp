@@ -1,5 +1,5 @@
 // The object model as a client uses it: the collections and their lookups,
-// the outline's properties over its attributes, and a tree of any depth.
+// and a tree of any depth.
 #include "opmltest.h"
 #include "writeonlystream.h"
 
@@ -38,34 +38,6 @@ TEST(Outlines, ItemAndRemoveFindByPositionTextOrIdentity) {
     EXPECT_HR(E_INVALIDARG, body->Remove(Arg(2)));
     EXPECT_EQ(L"text=\"one\"\n  text=\"two\"\n", TreeText(body.Get()));
     EXPECT_EQ(L"text=\"three\"", AttributesText(items[2].Get()));
-}
-
-// Text, type, IsComment and IsBreakPoint are views over the attributes
-// "text", "type", "isComment" and "isBreakpoint": reads add a missing one,
-// writes go where it stands. The property bag reads and writes any attribute.
-TEST(OutlineProperties, PropertiesAndThePropertyBagAreViewsOverTheAttributes) {
-    ComPtr<IOPMLDocument> document = NewDocument();
-    ComPtr<IOPMLOutline> outline = AddOutline(BodyOf(document.Get()).Get());
-    AddAttribute(outline.Get(), L"isBreakpoint", L"true");
-    AddAttribute(outline.Get(), L"type", L"old");
-    VARIANT_BOOL flag = VARIANT_TRUE;
-    EXPECT_TRUE(FAILED(outline->get_IsComment(&flag)));  // "" is no boolean
-    EXPECT_EQ(L"", Str(outline, &IOPMLOutline::get_Text));
-    EXPECT_HR(S_OK, outline->put_type(com::Bstr(L"new")));
-    EXPECT_HR(S_OK, outline->put_IsComment(VARIANT_TRUE));
-    EXPECT_HR(S_OK, outline->get_IsBreakPoint(&flag));
-    EXPECT_EQ(VARIANT_TRUE, flag);
-    EXPECT_HR(S_OK, outline->put_IsBreakPoint(VARIANT_FALSE));
-    ComPtr<IPropertyBag> bag;
-    ASSERT_HR(S_OK, outline.As(&bag));
-    com::Variant value;
-    V_VT(&value) = VT_I4, V_I4(&value) = 42;
-    EXPECT_HR(S_OK, bag->Write(L"count", &value));
-    V_VT(&value) = VT_I2;  // reads convert to the type asked for
-    EXPECT_HR(S_OK, bag->Read(L"count", &value, nullptr));
-    EXPECT_EQ(42, V_VT(&value) == VT_I2 ? V_I2(&value) : -1);
-    EXPECT_HR(E_INVALIDARG, bag->Read(L"missing", &value, nullptr));
-    EXPECT_EQ(L"isBreakpoint=\"0\" type=\"new\" isComment=\"-1\" text=\"\" count=\"42\"", AttributesText(outline.Get()));
 }
 
 // A tree far deeper than a thread's stack could hold one call per level of:

@@ -1,7 +1,6 @@
-// The writer's output byte for byte: layout, leave-out rules, escaping and
-// how a failing stream ends a save. Dates are covered by test_roundtrip.cpp.
+// The writer's output byte for byte: layout, leave-out rules and escaping.
+// Dates are covered by test_roundtrip.cpp.
 #include "opmltest.h"
-#include "writeonlystream.h"
 
 namespace ky::test::opml {
 namespace {
@@ -59,46 +58,6 @@ TEST(Writer, TextAndAttributesAreEscapedDifferentlyAndOutlinesNest) {
                     "\t\t\t\t<outline text=\"2\"/>\r\n\t\t\t</outline>\r\n\t\t</outline>\r\n"
                     "\t\t<outline/>\r\n\t</body>\r\n</opml>\r\n"),
               Saved(document.Get()));
-}
-
-// A stream that takes `capacity` bytes, then fails.
-struct LimitedStream : WriteOnlyStream {
-    explicit LimitedStream(size_t capacity) : capacity(capacity) {}
-    STDMETHODIMP Write(const void* data, ULONG count, ULONG* written) override {
-        writesAfterRefusal += refused;
-        if ((refused = count > capacity - bytes.size())) return STG_E_MEDIUMFULL;
-        bytes.append(static_cast<const char*>(data), count);
-        if (written) *written = count;
-        return S_OK;
-    }
-    size_t capacity;
-    bool refused = false;
-    int writesAfterRefusal = 0;
-    std::string bytes;
-};
-
-// Save takes only a stream given as VT_UNKNOWN. A failing write, or
-// a date that has no text form, ends the save at once with what was
-// written so far kept.
-TEST(Writer, SaveFailuresEndTheSaveAndKeepWhatWasWritten) {
-    ComPtr<IOPMLDocument> document = NewDocument();
-    ComPtr<IStream> stream;
-    ASSERT_HR(S_OK, ::CreateStreamOnHGlobal(nullptr, TRUE, &stream));
-    Arg targets[] = {Arg(stream.Get(), VT_DISPATCH), Arg(document.Get()), Arg(static_cast<IUnknown*>(nullptr)), Arg(L"C:\\o")};
-    for (Arg& target : targets) EXPECT_HR(E_INVALIDARG, document->Save(target));
-    EXPECT_HR(E_POINTER, document->Save(nullptr));
-    AddOutline(BodyOf(document.Get()).Get(), L"one");
-    const std::string full = Saved(document.Get());
-    for (size_t capacity : {size_t{0}, kDeclaration.size(), full.size() - 1}) {
-        LimitedStream limited(capacity);
-        EXPECT_HR(E_FAIL, document->Save(Arg(&limited))) << capacity;
-        EXPECT_EQ(full.substr(0, limited.bytes.size()), limited.bytes);
-        EXPECT_EQ(0, limited.writesAfterRefusal);
-    }
-    EXPECT_HR(S_OK, HeaderOf(document.Get())->put_DateModified(-109206.0));  // 1600-12-31: before any system time
-    const std::string bytes = Saved(document.Get(), E_FAIL);
-    EXPECT_EQ(0u, bytes.find(kDeclaration));
-    EXPECT_EQ(std::string::npos, bytes.find("dateModified"));
 }
 
 }  // namespace
