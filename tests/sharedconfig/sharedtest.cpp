@@ -22,33 +22,24 @@ std::wstring UniqueSuffix() {
            std::to_wstring(::GetTickCount());
 }
 
-std::string Text(IStorage* storage);
-
-// The elements by name, a storage's as "{...}"; `readable` false when one cannot be opened.
-std::map<std::string, std::string> Elements(IStorage* storage, bool* readable) {
-    std::map<std::string, std::string> parts;
+// The elements by name, a storage's as "{...}"; "<unreadable>" first when one cannot be opened.
+std::string Text(IStorage* storage) {
+    std::map<std::wstring, std::string> parts;
     ComPtr<IEnumSTATSTG> elements;
-    *readable = SUCCEEDED(storage->EnumElements(0, nullptr, 0, &elements));
+    bool readable = SUCCEEDED(storage->EnumElements(0, nullptr, 0, &elements));
     STATSTG stat;
-    while (*readable && elements->Next(1, &stat, nullptr) == S_OK) {
+    while (readable && elements->Next(1, &stat, nullptr) == S_OK) {
         com::TaskMem<wchar_t> name(stat.pwcsName);
-        const std::wstring wide = stat.pwcsName;
         ComPtr<IStream> stream;
         ComPtr<IStorage> child;
-        *readable = SUCCEEDED(stat.type == STGTY_STORAGE
-                                  ? storage->OpenStorage(stat.pwcsName, nullptr, kRead, nullptr, 0, &child)
-                                  : storage->OpenStream(stat.pwcsName, nullptr, kRead, 0, &stream));
-        if (*readable)
-            parts[std::string(wide.begin(), wide.end())] = stream ? ReadStream(stream.Get()) : "{" + Text(child.Get()) + "}";
+        readable = SUCCEEDED(stat.type == STGTY_STORAGE
+                                 ? storage->OpenStorage(stat.pwcsName, nullptr, kRead, nullptr, 0, &child)
+                                 : storage->OpenStream(stat.pwcsName, nullptr, kRead, 0, &stream));
+        if (readable) parts[stat.pwcsName] = stream ? ReadStream(stream.Get()) : "{" + Text(child.Get()) + "}";
     }
-    return parts;
-}
-
-std::string Text(IStorage* storage) {
-    bool readable = true;
-    std::string text;
-    for (const auto& part : Elements(storage, &readable)) text += part.first + "=" + part.second + ";";
-    return readable ? text : "<unreadable>" + text;
+    std::string text = readable ? "" : "<unreadable>";
+    for (const auto& part : parts) text += std::string(part.first.begin(), part.first.end()) + "=" + part.second + ";";
+    return text;
 }
 
 }  // namespace
@@ -71,17 +62,6 @@ Kind Check(const std::string& bytes) {
 }
 
 }  // namespace records
-
-FileCheck CheckFile(const std::wstring& file) {
-    FileCheck check;
-    ComPtr<IStorage> root;
-    if (FAILED(::StgOpenStorage(file.c_str(), nullptr, kRead, nullptr, 0, &root))) return check;
-    for (const auto& part : Elements(root.Get(), &check.readable)) {
-        const records::Kind kind = records::Check(part.second);
-        ++(kind == records::Kind::Valid ? check.valid : kind == records::Kind::Empty ? check.empty : check.torn);
-    }
-    return check;
-}
 
 std::string FileContents(const std::wstring& file) {
     ComPtr<IStorage> root;
@@ -140,19 +120,9 @@ std::wstring BesideThisProgram(const std::wstring& name) {
     return path.substr(0, path.find_last_of(L"\\/") + 1) + name;
 }
 
-NamedEvent::NamedEvent()
-    : m_name(L"Local\\kytest-event-" + UniqueSuffix()),
-      m_event(::CreateEventW(nullptr, FALSE, FALSE, m_name.c_str())) {}
+std::wstring UniqueName(const wchar_t* tag) { return L"Local\\kytest-" + std::wstring(tag) + L"-" + UniqueSuffix(); }
 
-bool SignalEvent(const std::wstring& name) {
-    com::Handle event(::OpenEventW(EVENT_MODIFY_STATE, FALSE, name.c_str()));
-    return event && ::SetEvent(event.Get());
-}
-
-bool AwaitEvent(const std::wstring& name, DWORD ms) {
-    com::Handle event(::OpenEventW(SYNCHRONIZE, FALSE, name.c_str()));
-    return event && ::WaitForSingleObject(event.Get(), ms) == WAIT_OBJECT_0;
-}
+com::Handle Event(const std::wstring& name) { return com::Handle(::CreateEventW(nullptr, FALSE, FALSE, name.c_str())); }
 
 int RunProgram(int (*body)(int argc, wchar_t** argv)) {
     std::setvbuf(stdout, nullptr, _IONBF, 0);

@@ -25,10 +25,7 @@ std::string Make(std::uint32_t writer, std::uint32_t sequence, std::uint32_t len
 Kind Check(const std::string& bytes);
 }  // namespace records
 
-// The top-level elements of a compound file, classified (a storage is torn).
-struct FileCheck { bool readable = false; unsigned valid = 0, empty = 0, torn = 0; };
-FileCheck CheckFile(const std::wstring& file);
-// Its elements by name: "a=bytes;g={b=bytes;};".
+// A compound file's elements by name: "a=bytes;g={b=bytes;};".
 std::string FileContents(const std::wstring& file);
 
 class Manager {
@@ -51,18 +48,9 @@ HRESULT ReplaceStream(IStream* stream, const std::string& bytes);
 std::wstring ScratchFile(const wchar_t* tag);  // a fresh path in the temporary folder
 std::wstring BesideThisProgram(const std::wstring& name);
 
-// An auto-reset event with a unique name, and such events by name in any process.
-class NamedEvent {
-public:
-    NamedEvent();
-    const std::wstring& Name() const { return m_name; }
-
-private:
-    std::wstring m_name;
-    com::Handle m_event;
-};
-bool SignalEvent(const std::wstring& name);
-bool AwaitEvent(const std::wstring& name, DWORD ms = INFINITE);
+std::wstring UniqueName(const wchar_t* tag);  // for kernel objects that peers share
+// The auto-reset event of that name, created or opened.
+com::Handle Event(const std::wstring& name);
 
 // Runs a started program's `body` with its arguments in the multithreaded apartment.
 int RunProgram(int (*body)(int argc, wchar_t** argv));

