@@ -162,23 +162,21 @@ TEST_F(SharedConfig, AStorageIsAPrivateCopyThatReplacesTheElementAsAWhole) {
     EXPECT_EQ("g=;", Shared());
 }
 
-// Whatever lies beside the shared file, held open or not, a completed
-// write-back stays: files of the journal's name (garbage, empty, a compound
-// file with older contents), backup copies, journals held open so that they
-// can be neither replaced nor deleted.
+// Whatever lies beside the shared file, a completed write-back stays: files of
+// the journal's name (garbage, empty, a compound file with older contents),
+// backup copies, and such files held open so that they cannot be deleted.
 TEST_F(SharedConfig, NothingBesideTheFileUndoesACompletedWriteBack) {
     ASSERT_HR(S_OK, m_manager.Put(m_file, L"s", "old"));
     const std::wstring oldCopy = m_file + L".old";
     ASSERT_TRUE(::CopyFileW(m_file.c_str(), oldCopy.c_str(), FALSE));
     const struct {
         const wchar_t* suffix;
-        const char* content;    // null: a copy of the file with "old" in it
-        DWORD heldWithSharing;  // 0: not held
+        const char* content;  // null: a copy of the file with "old" in it
+        bool held;            // open, shared for reading and writing, during the write-back
     } leftovers[] = {
-        {L".kyjournal", "garbage", 0}, {L".kyjournal", "", 0}, {L".kyjournal", nullptr, 0},
-        {L".kyjournal-1", nullptr, 0}, {L".kybackup", nullptr, 0}, {L".kybackup", "garbage", 0},
-        {L".kyjournal", "", FILE_SHARE_READ | FILE_SHARE_WRITE}, {L".kyjournal", "", FILE_SHARE_READ},
-        {L".kybackup", nullptr, FILE_SHARE_READ | FILE_SHARE_WRITE},
+        {L".kyjournal", "garbage", false}, {L".kyjournal", "", false},      {L".kyjournal", nullptr, false},
+        {L".kyjournal-1", nullptr, false}, {L".kybackup", nullptr, false},  {L".kybackup", "garbage", false},
+        {L".kyjournal", "", true},         {L".kybackup", nullptr, true},
     };
     int round = 0;
     for (const auto& leftover : leftovers) {
@@ -186,9 +184,9 @@ TEST_F(SharedConfig, NothingBesideTheFileUndoesACompletedWriteBack) {
         SCOPED_TRACE(round);
         if (leftover.content) WriteText(path, leftover.content);
         else ASSERT_TRUE(::CopyFileW(oldCopy.c_str(), path.c_str(), FALSE));
-        com::Handle holder(leftover.heldWithSharing ? ::CreateFileW(path.c_str(), GENERIC_READ, leftover.heldWithSharing,
-                                                                    nullptr, OPEN_EXISTING, 0, nullptr)
-                                                    : nullptr);
+        com::Handle holder(leftover.held ? ::CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE,
+                                                         nullptr, OPEN_EXISTING, 0, nullptr)
+                                         : nullptr);
         const std::string value = "new " + std::to_string(++round);
         ASSERT_HR(S_OK, m_manager.Put(m_file, L"s", value));
         holder.Close();
