@@ -1,31 +1,20 @@
-"""Checks the files that the cross-process runs leave with olefile, a
-compound-file reader that has nothing in common with the one that wrote them.
-
-Each top-level element must be a stream holding one complete record
-(layout in sharedtest.h), or an empty one: what a failed acquisition's
-write-back leaves.
-"""
+"""Checks the files that the cross-process runs leave with olefile, a reader
+that shares nothing with the writer: each top-level element must be a stream
+holding one complete record (layout in sharedtest.h), or an empty one."""
 import struct
 import sys
 
 import olefile
 
 
-def record_kind(data):
+def element_kind(ole, path):
+    data = ole.openstream(path).read() if ole.get_type(path) == olefile.STGTY_STREAM else None
+    if data is None or len(data) != ole.get_size(path) or (data and (len(data) < 16 or data[:4] != b"KYR1")):
+        return "torn"
     if not data:
         return "empty"
-    if len(data) < 16 or data[:4] != b"KYR1":
-        return "torn"
     writer, sequence, length = struct.unpack_from("<III", data, 4)
-    payload = bytes((writer * 31 + sequence * 7 + i) & 0xFF for i in range(length))
-    return "valid" if data[16:] == payload else "torn"
-
-
-def element_kind(ole, path):
-    if ole.get_type(path) != olefile.STGTY_STREAM:
-        return "torn"
-    data = ole.openstream(path).read()
-    return record_kind(data) if len(data) == ole.get_size(path) else "torn"
+    return "valid" if data[16:] == bytes((writer * 31 + sequence * 7 + i) & 0xFF for i in range(length)) else "torn"
 
 
 def check(file):

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <cstdio>
 #include <cstring>
+#include <cwchar>
 #include <map>
 
 using Microsoft::WRL::ComPtr;
@@ -21,25 +22,24 @@ std::wstring UniqueSuffix() {
            std::to_wstring(::GetTickCount());
 }
 
-// Calls `visit(name, stream, storage)` for each element; false when any
-// element cannot be opened.
-template <class Visit>
-bool ForEachElement(IStorage* storage, Visit visit) {
+// The elements by name, a storage's as "{...}"; "<unreadable>" first when one cannot be opened.
+std::string Text(IStorage* storage) {
+    std::map<std::wstring, std::string> parts;
     ComPtr<IEnumSTATSTG> elements;
-    if (FAILED(storage->EnumElements(0, nullptr, 0, &elements))) return false;
-    bool readable = true;
+    bool readable = SUCCEEDED(storage->EnumElements(0, nullptr, 0, &elements));
     STATSTG stat;
-    while (elements->Next(1, &stat, nullptr) == S_OK) {
+    while (readable && elements->Next(1, &stat, nullptr) == S_OK) {
         com::TaskMem<wchar_t> name(stat.pwcsName);
         ComPtr<IStream> stream;
         ComPtr<IStorage> child;
-        HRESULT hr = stat.type == STGTY_STORAGE
-                         ? storage->OpenStorage(stat.pwcsName, nullptr, kRead, nullptr, 0, &child)
-                         : storage->OpenStream(stat.pwcsName, nullptr, kRead, 0, &stream);
-        if (SUCCEEDED(hr)) visit(std::wstring(stat.pwcsName), stream.Get(), child.Get());
-        readable = readable && SUCCEEDED(hr);
+        readable = SUCCEEDED(stat.type == STGTY_STORAGE
+                                 ? storage->OpenStorage(stat.pwcsName, nullptr, kRead, nullptr, 0, &child)
+                                 : storage->OpenStream(stat.pwcsName, nullptr, kRead, 0, &stream));
+        if (readable) parts[stat.pwcsName] = stream ? ReadStream(stream.Get()) : "{" + Text(child.Get()) + "}";
     }
-    return readable;
+    std::string text = readable ? "" : "<unreadable>";
+    for (const auto& part : parts) text += std::string(part.first.begin(), part.first.end()) + "=" + part.second + ";";
+    return text;
 }
 
 }  // namespace
@@ -63,15 +63,9 @@ Kind Check(const std::string& bytes) {
 
 }  // namespace records
 
-FileCheck CheckFile(const std::wstring& file) {
-    FileCheck check;
+std::string FileContents(const std::wstring& file) {
     ComPtr<IStorage> root;
-    if (FAILED(::StgOpenStorage(file.c_str(), nullptr, kRead, nullptr, 0, &root))) return check;
-    check.readable = ForEachElement(root.Get(), [&](const std::wstring&, IStream* stream, IStorage*) {
-        const records::Kind kind = stream ? records::Check(ReadStream(stream)) : records::Kind::Torn;
-        ++(kind == records::Kind::Valid ? check.valid : kind == records::Kind::Empty ? check.empty : check.torn);
-    });
-    return check;
+    return FAILED(::StgOpenStorage(file.c_str(), nullptr, kRead, nullptr, 0, &root)) ? "<no file>" : Text(root.Get());
 }
 
 Manager::Manager() {
@@ -96,12 +90,12 @@ HRESULT Manager::Put(const std::wstring& file, const std::wstring& name, const s
 
 std::string ReadStream(IStream* stream) {
     LARGE_INTEGER start = {};
-    if (FAILED(stream->Seek(start, STREAM_SEEK_SET, nullptr))) return "<unreadable>";
     std::string bytes;
     char buffer[8192];
     ULONG read = 0;
-    HRESULT hr;
-    while (SUCCEEDED(hr = stream->Read(buffer, sizeof buffer, &read)) && read > 0) bytes.append(buffer, read);
+    HRESULT hr = stream->Seek(start, STREAM_SEEK_SET, nullptr);
+    while (SUCCEEDED(hr) && SUCCEEDED(hr = stream->Read(buffer, sizeof buffer, &read)) && read > 0)
+        bytes.append(buffer, read);
     return FAILED(hr) ? "<unreadable>" : bytes;
 }
 
@@ -115,28 +109,9 @@ HRESULT ReplaceStream(IStream* stream, const std::string& bytes) {
     return SUCCEEDED(hr) && written != bytes.size() ? STG_E_MEDIUMFULL : hr;
 }
 
-namespace {
-std::string Contents(IStorage* storage) {
-    std::map<std::wstring, std::string> parts;
-    bool readable = ForEachElement(storage, [&](const std::wstring& name, IStream* stream, IStorage* child) {
-        parts[name] = stream ? ReadStream(stream) : "{" + Contents(child) + "}";
-    });
-    std::string text = readable ? "" : "<unreadable>";
-    for (const auto& part : parts) text += std::string(part.first.begin(), part.first.end()) + "=" + part.second + ";";
-    return text;
-}
-}  // namespace
-
-std::string FileContents(const std::wstring& file) {
-    ComPtr<IStorage> root;
-    if (FAILED(::StgOpenStorage(file.c_str(), nullptr, kRead, nullptr, 0, &root))) return "<no file>";
-    return Contents(root.Get());
-}
-
 std::wstring ScratchFile(const wchar_t* tag) {
     wchar_t temp[MAX_PATH + 1];
-    ::GetTempPathW(MAX_PATH + 1, temp);
-    return std::wstring(temp) + L"kytest-" + tag + L"-" + UniqueSuffix() + L".stg";
+    return std::wstring(temp, ::GetTempPathW(MAX_PATH + 1, temp)) + L"kytest-" + tag + L"-" + UniqueSuffix() + L".stg";
 }
 
 std::wstring BesideThisProgram(const std::wstring& name) {
@@ -145,19 +120,9 @@ std::wstring BesideThisProgram(const std::wstring& name) {
     return path.substr(0, path.find_last_of(L"\\/") + 1) + name;
 }
 
-NamedEvent::NamedEvent()
-    : m_name(L"Local\\kytest-event-" + UniqueSuffix()),
-      m_event(::CreateEventW(nullptr, FALSE, FALSE, m_name.c_str())) {}
+std::wstring UniqueName(const wchar_t* tag) { return L"Local\\kytest-" + std::wstring(tag) + L"-" + UniqueSuffix(); }
 
-bool SignalEvent(const std::wstring& name) {
-    com::Handle event(::OpenEventW(EVENT_MODIFY_STATE, FALSE, name.c_str()));
-    return event && ::SetEvent(event.Get());
-}
-
-bool AwaitEvent(const std::wstring& name, DWORD ms) {
-    com::Handle event(::OpenEventW(SYNCHRONIZE, FALSE, name.c_str()));
-    return event && ::WaitForSingleObject(event.Get(), ms) == WAIT_OBJECT_0;
-}
+com::Handle Event(const std::wstring& name) { return com::Handle(::CreateEventW(nullptr, FALSE, FALSE, name.c_str())); }
 
 int RunProgram(int (*body)(int argc, wchar_t** argv)) {
     std::setvbuf(stdout, nullptr, _IONBF, 0);
@@ -171,8 +136,7 @@ int RunProgram(int (*body)(int argc, wchar_t** argv)) {
 }
 
 ChildProcess::ChildProcess(const wchar_t* program, const std::wstring& arguments) {
-    const std::wstring name = program;
-    const std::wstring path = name.find_first_of(L"\\:") == std::wstring::npos ? BesideThisProgram(name) : name;
+    const std::wstring path = std::wcspbrk(program, L"\\:") ? program : BesideThisProgram(program);
     std::wstring commandLine = L"\"" + path + L"\" " + arguments;
     STARTUPINFOW startup = {sizeof startup};
     PROCESS_INFORMATION info = {};
@@ -181,10 +145,6 @@ ChildProcess::ChildProcess(const wchar_t* program, const std::wstring& arguments
         ::CloseHandle(info.hThread);
         m_process.Attach(info.hProcess);
     }
-}
-
-ChildProcess::~ChildProcess() {
-    if (Wait(0) == STILL_ACTIVE) Kill();
 }
 
 DWORD ChildProcess::Wait(DWORD ms) {

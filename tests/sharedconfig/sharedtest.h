@@ -15,23 +15,17 @@
 namespace ky::test {
 
 // Records whose every write is recognisable when read back: "KYR1", writer,
-// sequence and payload length (32 bits each, low byte first), then byte i of
-// the payload is (writer * 31 + sequence * 7 + i) mod 256. Lengths run from
-// 40 to 6039 bytes unless given, on both sides of the compound file's
-// 4096-byte small-stream limit. check_olefile.py reads the same layout.
+// sequence and payload length (32 bits, low byte first), then byte i of the
+// payload is (writer * 31 + sequence * 7 + i) mod 256; 40 to 6039 bytes
+// unless given, across the 4096-byte small-stream limit. check_olefile.py
+// reads the same layout.
 namespace records {
 enum class Kind { Empty, Valid, Torn };
 std::string Make(std::uint32_t writer, std::uint32_t sequence, std::uint32_t length = 0);
 Kind Check(const std::string& bytes);
 }  // namespace records
 
-// The top-level elements of a compound file, classified (a storage is torn).
-struct FileCheck {
-    bool readable = false;
-    unsigned valid = 0, empty = 0, torn = 0;
-};
-FileCheck CheckFile(const std::wstring& file);
-// Its elements as text, by name: "a=bytes;g={b=bytes;};".
+// A compound file's elements by name: "a=bytes;g={b=bytes;};".
 std::string FileContents(const std::wstring& file);
 
 class Manager {
@@ -49,30 +43,16 @@ private:
     Microsoft::WRL::ComPtr<IComStgOutriggedConfiguration> m_manager;
 };
 
-// The whole stream, from offset 0.
-std::string ReadStream(IStream* stream);
-// Makes the stream hold exactly `bytes`.
+std::string ReadStream(IStream* stream);  // the whole stream, from offset 0
 HRESULT ReplaceStream(IStream* stream, const std::string& bytes);
-// A fresh path in the temporary folder.
-std::wstring ScratchFile(const wchar_t* tag);
+std::wstring ScratchFile(const wchar_t* tag);  // a fresh path in the temporary folder
 std::wstring BesideThisProgram(const std::wstring& name);
 
-// An auto-reset event with a unique name, and access to such events by name
-// from any process.
-class NamedEvent {
-public:
-    NamedEvent();
-    const std::wstring& Name() const { return m_name; }
+std::wstring UniqueName(const wchar_t* tag);  // for kernel objects that peers share
+// The auto-reset event of that name, created or opened.
+com::Handle Event(const std::wstring& name);
 
-private:
-    std::wstring m_name;
-    com::Handle m_event;
-};
-bool SignalEvent(const std::wstring& name);
-bool AwaitEvent(const std::wstring& name, DWORD ms = INFINITE);
-
-// The main function of a program that other programs start: runs `body`
-// with the program's arguments in the multithreaded apartment.
+// Runs a started program's `body` with its arguments in the multithreaded apartment.
 int RunProgram(int (*body)(int argc, wchar_t** argv));
 
 // A program given by its path, or by its name when next to this one; killed
@@ -80,10 +60,9 @@ int RunProgram(int (*body)(int argc, wchar_t** argv));
 class ChildProcess {
 public:
     ChildProcess(const wchar_t* program, const std::wstring& arguments);
-    ~ChildProcess();
+    ~ChildProcess() { Kill(); }
     bool Started() const { return m_process.IsValid(); }
-    // The exit code, or STILL_ACTIVE when it has not ended within `ms`.
-    DWORD Wait(DWORD ms = INFINITE);
+    DWORD Wait(DWORD ms = INFINITE);  // the exit code, or STILL_ACTIVE
     void Kill();
 
 private:

@@ -53,8 +53,7 @@ inline const ExpectedClass kExpectedClasses[] = {
      true, false, true, true},
 };
 
-// True when kyutils.dll serves a class object for the class (the class is in
-// its object map). Loads the DLL if needed.
+// True when kyutils.dll serves a class object for the class (loads the DLL if needed).
 bool Served(const CLSID& clsid);
 
 }  // namespace ky::test

@@ -7,6 +7,7 @@
 
 #include <functional>
 #include <string>
+#include <thread>
 
 #include <gtest/gtest.h>
 
@@ -14,20 +15,15 @@
 
 namespace ky::test {
 
-// kyutils.dll as the test run registered it.
-std::wstring DllPath();
-// The DLL if COM (or the test) has loaded it, else null.
-HMODULE LoadedDll();
-// DllCanUnloadNow of the loaded DLL; S_OK when it is not loaded.
-HRESULT DllCanUnloadNow();
+std::wstring DllPath();     // kyutils.dll as the test run registered it
+HMODULE LoadedDll();        // null until COM (or the test) loads it
+HRESULT DllCanUnloadNow();  // of the loaded DLL; S_OK when it is not loaded
 
 // Runs all tests on a main thread in the given apartment. After every test
-// and at the end the module must be unloadable (lock count zero): a test
-// that leaks a reference fails.
+// and at the end the module must be unloadable (lock count zero).
 int RunAllTests(int argc, char** argv, DWORD coinit, HRESULT (*canUnloadNow)());
 
-// Runs `body` on a new thread in the given apartment and waits for it. An
-// STA thread pumps messages until `body` returns.
+// Runs `body` on a new thread in the given apartment and waits for it.
 void RunInApartment(DWORD coinit, const std::function<void()>& body);
 
 // A thread in a single-threaded apartment that serves calls until stopped.
@@ -35,15 +31,13 @@ class StaThread {
 public:
     StaThread();
     ~StaThread();
-    // Runs `body` on the STA thread and waits for it.
-    void Run(const std::function<void()>& body);
+    void Run(const std::function<void()>& body);  // on the STA thread, waited for
     DWORD ThreadId() const { return m_threadId; }
 
 private:
-    static DWORD WINAPI Main(void* self);
-    HANDLE m_thread = nullptr;
+    HANDLE m_ready;
     DWORD m_threadId = 0;
-    HANDLE m_ready = nullptr;
+    std::thread m_thread;
 };
 
 // A VARIANT holding a number (the narrower types read the low bytes of the
@@ -55,18 +49,13 @@ inline VARIANT Number(LONG value, VARTYPE type = VT_I4) {
     return v;
 }
 
-// The system's temporary folder, with its trailing backslash.
-std::wstring TempPath();
-
-// "{...}", as the registry writes GUIDs.
-std::wstring GuidText(const GUID& guid);
-
+std::wstring TempPath();                  // with its trailing backslash
+std::wstring GuidText(const GUID& guid);  // "{...}", as the registry writes GUIDs
 std::string Narrow(const std::wstring& text);
 std::wstring Widen(const std::string& text);
-// "0x80041021" for readable failure messages.
-std::string Hex(HRESULT hr);
+std::string Hex(HRESULT hr);  // "0x80041021"
 
-// Reads a registry string value; false when the key or value is missing.
+// A registry string value; false when the key or value is missing.
 bool ReadRegString(HKEY root, const std::wstring& key, const wchar_t* value, std::wstring* text);
 bool RegKeyExists(HKEY root, const std::wstring& key);
 
