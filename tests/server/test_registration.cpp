@@ -1,6 +1,5 @@
 // Self-registration: the keys each registered class writes, the type library
-// and the proxy/stub, removal, and re-registration. Runs alone: it takes the
-// registration away for a moment.
+// and the proxy/stub, removal, and re-registration.
 #include <wrl/client.h>
 
 #include "classtable.h"
@@ -18,185 +17,115 @@ std::wstring Lower(std::wstring text) {
 
 std::wstring RegValue(const std::wstring& key, const wchar_t* value = nullptr) {
     std::wstring text;
-    if (!ReadRegString(HKEY_CLASSES_ROOT, key, value, &text)) return L"<missing>";
-    return text;
-}
-
-bool ValueExists(const std::wstring& key, const wchar_t* value) {
-    HKEY handle = nullptr;
-    if (::RegOpenKeyExW(HKEY_CLASSES_ROOT, key.c_str(), 0, KEY_READ, &handle) != ERROR_SUCCESS) return false;
-    bool exists = ::RegQueryValueExW(handle, value, nullptr, nullptr, nullptr, nullptr) == ERROR_SUCCESS;
-    ::RegCloseKey(handle);
-    return exists;
+    return ReadRegString(HKEY_CLASSES_ROOT, key, value, &text) ? text : L"<missing>";
 }
 
 class Registration : public ::testing::Test {
 protected:
     void SetUp() override {
         m_dll = ::LoadLibraryW(DllPath().c_str());
-        ASSERT_NE(nullptr, m_dll);
         m_register = Export("DllRegisterServer");
         m_unregister = Export("DllUnregisterServer");
         wchar_t path[MAX_PATH];
         ::GetModuleFileNameW(m_dll, path, MAX_PATH);
-        m_path = path;
-        ASSERT_HR(S_OK, m_register());
+        m_path = Lower(path);
     }
     void TearDown() override {
         EXPECT_HR(S_OK, m_register());  // leave the prefix registered for the other tests
         ::FreeLibrary(m_dll);
     }
     using Entry = HRESULT(STDAPICALLTYPE*)();
-    Entry Export(const char* name) {
-        return reinterpret_cast<Entry>(reinterpret_cast<void*>(::GetProcAddress(m_dll, name)));
-    }
+    Entry Export(const char* name) { return reinterpret_cast<Entry>(reinterpret_cast<void*>(::GetProcAddress(m_dll, name))); }
 
-    void ExpectRegistered(const ExpectedClass& c) {
-        SCOPED_TRACE(Narrow(c.progId));
-        const std::wstring clsid = GuidText(*c.clsid);
-        const std::wstring versioned = std::wstring(c.progId) + L".1";
-        EXPECT_EQ(c.versionedDescription, RegValue(versioned));
-        EXPECT_EQ(clsid, RegValue(versioned + L"\\CLSID"));
-        EXPECT_EQ(c.description, RegValue(c.progId));
-        EXPECT_EQ(clsid, RegValue(std::wstring(c.progId) + L"\\CLSID"));
-        EXPECT_EQ(versioned, RegValue(std::wstring(c.progId) + L"\\CurVer"));
-        const std::wstring key = L"CLSID\\" + clsid;
-        EXPECT_EQ(c.description, RegValue(key));
-        EXPECT_EQ(versioned, RegValue(key + L"\\ProgID"));
-        EXPECT_EQ(c.progId, RegValue(key + L"\\VersionIndependentProgID"));
-        EXPECT_EQ(Lower(m_path), Lower(RegValue(key + L"\\InprocServer32")));
-        // An empty ThreadingModel is a value that exists and is empty.
-        EXPECT_EQ(c.threadingModel, RegValue(key + L"\\InprocServer32", L"ThreadingModel"));
-        EXPECT_EQ(GuidText(LIBID_KyUtils), RegValue(key + L"\\TypeLib"));
-        EXPECT_EQ(c.programmable, RegKeyExists(HKEY_CLASSES_ROOT, key + L"\\Programmable"));
-        EXPECT_EQ(c.appId, ValueExists(key, L"AppID"));
-        if (c.appId) {
-            EXPECT_EQ(L"", RegValue(key, L"AppID"));
+    // Every class of the object map has its keys, and no other class has any.
+    void ExpectRegistered() {
+        for (const auto& c : kExpectedClasses) {
+            SCOPED_TRACE(Narrow(c.progId));
+            const std::wstring key = L"CLSID\\" + GuidText(*c.clsid), progId = c.progId, versioned = progId + L".1";
+            if (!Served(*c.clsid)) {
+                for (const auto& absent : {versioned, progId, key}) EXPECT_FALSE(RegKeyExists(HKEY_CLASSES_ROOT, absent));
+                continue;
+            }
+            // key, value, expected ("" is an empty value that exists)
+            const std::tuple<std::wstring, const wchar_t*, std::wstring> values[] = {
+                {versioned, nullptr, c.versionedDescription}, {versioned + L"\\CLSID", nullptr, GuidText(*c.clsid)},
+                {progId, nullptr, c.description},             {progId + L"\\CLSID", nullptr, GuidText(*c.clsid)},
+                {progId + L"\\CurVer", nullptr, versioned},   {key, nullptr, c.description},
+                {key + L"\\ProgID", nullptr, versioned},      {key + L"\\VersionIndependentProgID", nullptr, progId},
+                {key + L"\\InprocServer32", L"ThreadingModel", c.threadingModel},
+                {key + L"\\TypeLib", nullptr, GuidText(LIBID_KyUtils)},
+                {key, L"AppID", c.appId ? L"" : L"<missing>"},
+            };
+            for (const auto& [k, value, expected] : values) EXPECT_EQ(expected, RegValue(k, value)) << Narrow(k);
+            EXPECT_EQ(m_path, Lower(RegValue(key + L"\\InprocServer32")));
+            EXPECT_EQ(c.programmable, RegKeyExists(HKEY_CLASSES_ROOT, key + L"\\Programmable"));
         }
-    }
-
-    void ExpectAbsent(const ExpectedClass& c) {
-        SCOPED_TRACE(Narrow(c.progId));
-        EXPECT_FALSE(RegKeyExists(HKEY_CLASSES_ROOT, std::wstring(c.progId) + L".1"));
-        EXPECT_FALSE(RegKeyExists(HKEY_CLASSES_ROOT, c.progId));
-        EXPECT_FALSE(RegKeyExists(HKEY_CLASSES_ROOT, L"CLSID\\" + GuidText(*c.clsid)));
-    }
-
-    std::wstring TypeLibKey() const {
-        return L"TypeLib\\" + GuidText(LIBID_KyUtils) + (sizeof(void*) == 8 ? L"\\1.0\\409\\win64" : L"\\1.0\\409\\win32");
     }
 
     HMODULE m_dll = nullptr;
-    Entry m_register = nullptr;
-    Entry m_unregister = nullptr;
+    Entry m_register = nullptr, m_unregister = nullptr;
     std::wstring m_path;
 };
 
-TEST_F(Registration, EachClassInTheMapWritesItsKeysAndNoOtherClassDoes) {
-    int served = 0;
-    for (const auto& c : kExpectedClasses) {
-        if (Served(*c.clsid)) {
-            ++served;
-            ExpectRegistered(c);
-        } else {
-            ExpectAbsent(c);
-        }
-    }
-    EXPECT_GE(served, 2);
-}
-
-TEST_F(Registration, RegistersTheTypeLibraryAndTheProxyStub) {
-    EXPECT_EQ(Lower(m_path), Lower(RegValue(TypeLibKey())));
-    // Also for the neutral locale, where the dispatch marshaler looks.
-    std::wstring neutral = TypeLibKey();
-    neutral.replace(neutral.find(L"\\409\\"), 5, L"\\0\\");
-    EXPECT_EQ(Lower(m_path), Lower(RegValue(neutral)));
-    BSTR path = nullptr;
-    EXPECT_HR(S_OK, ::QueryPathOfRegTypeLib(LIBID_KyUtils, 1, 0, 0, &path));
-    ::SysFreeString(path);
-    const std::wstring iface = L"Interface\\" + GuidText(IID_IObjectGodfather);
-    std::wstring proxyStub = RegValue(iface + L"\\ProxyStubClsid32");
-    ASSERT_NE(L"<missing>", proxyStub);
-    EXPECT_EQ(Lower(m_path), Lower(RegValue(L"CLSID\\" + proxyStub + L"\\InprocServer32")));
+TEST_F(Registration, RegistersTheClassesTheTypeLibraryAndTheProxyStubAndRemovesThemAgain) {
+    ASSERT_HR(S_OK, m_register());
+    ExpectRegistered();
+    // The type library also for the neutral locale, where the dispatch marshaler looks.
+    const std::wstring typeLib = L"TypeLib\\" + GuidText(LIBID_KyUtils) + L"\\1.0\\";
+    const std::wstring platform = sizeof(void*) == 8 ? L"\\win64" : L"\\win32";
+    EXPECT_EQ(m_path, Lower(RegValue(typeLib + L"409" + platform)));
+    EXPECT_EQ(m_path, Lower(RegValue(typeLib + L"0" + platform)));
     // Dual interfaces are marshalled by the merged proxy/stub too, not by the
     // type-library marshaler: the proxy/stub is registered after the library.
+    const std::wstring proxyStub = RegValue(L"Interface\\" + GuidText(IID_IObjectGodfather) + L"\\ProxyStubClsid32");
+    EXPECT_EQ(m_path, Lower(RegValue(L"CLSID\\" + proxyStub + L"\\InprocServer32")));
     EXPECT_EQ(proxyStub, RegValue(L"Interface\\" + GuidText(IID_IStrings) + L"\\ProxyStubClsid32"));
-}
 
-TEST_F(Registration, UnregisterRemovesEverythingAndRegisterBringsItBack) {
-    ASSERT_HR(S_OK, m_unregister());
-    for (const auto& c : kExpectedClasses) ExpectAbsent(c);
-    EXPECT_FALSE(RegKeyExists(HKEY_CLASSES_ROOT, TypeLibKey()));
-    EXPECT_FALSE(RegKeyExists(HKEY_CLASSES_ROOT, L"TypeLib\\" + GuidText(LIBID_KyUtils)));
-    EXPECT_FALSE(RegKeyExists(HKEY_CLASSES_ROOT, L"Interface\\" + GuidText(IID_IObjectGodfather)));
-    // A second removal finds nothing to remove and still succeeds.
-    EXPECT_HR(S_OK, m_unregister());
-
-    ASSERT_HR(S_OK, m_register());
-    for (const auto& c : kExpectedClasses)
-        if (Served(*c.clsid)) ExpectRegistered(c);
-}
-
-TEST_F(Registration, ReRegistrationReplacesForceRemovedKeysButKeepsTheTimerProgIds) {
-    auto addStale = [](const std::wstring& key) {
-        HKEY handle = nullptr;
-        ASSERT_EQ(ERROR_SUCCESS, ::RegCreateKeyExW(HKEY_CLASSES_ROOT, (key + L"\\Stale").c_str(), 0, nullptr, 0,
-                                                   KEY_WRITE, nullptr, &handle, nullptr));
-        ::RegCloseKey(handle);
-    };
-    addStale(L"KyUtils.MTAObjectGodfather");
-    addStale(L"CLSID\\" + GuidText(CLSID_MTAObjectGodfather));
-    const bool timer = Served(CLSID_SystemTimer);
-    if (timer) {
-        addStale(L"kyutils.SystemTimer");
-        ::RegSetValueW(HKEY_CLASSES_ROOT, L"kyutils.SystemTimer", REG_SZ, L"changed", 7);
-    }
-    ASSERT_HR(S_OK, m_register());
-    EXPECT_FALSE(RegKeyExists(HKEY_CLASSES_ROOT, L"KyUtils.MTAObjectGodfather\\Stale"));
-    EXPECT_FALSE(RegKeyExists(HKEY_CLASSES_ROOT, L"CLSID\\" + GuidText(CLSID_MTAObjectGodfather) + L"\\Stale"));
-    if (timer) {
-        // Not force-removed: the key stays, only its values are written again.
-        EXPECT_TRUE(RegKeyExists(HKEY_CLASSES_ROOT, L"kyutils.SystemTimer\\Stale"));
-        EXPECT_EQ(L"SystemTimer Class", RegValue(L"kyutils.SystemTimer"));
-        ::RegDeleteKeyW(HKEY_CLASSES_ROOT, L"kyutils.SystemTimer\\Stale");
-    }
-}
-
-TEST_F(Registration, RestoresTheCallersThreadLocale) {
-    const LCID german = MAKELCID(MAKELANGID(LANG_GERMAN, SUBLANG_GERMAN), SORT_DEFAULT);
-    const LCID before = ::GetThreadLocale();
+    // Removal takes it all, succeeds again with nothing to remove, and keeps the caller's thread locale.
+    const LCID german = MAKELCID(MAKELANGID(LANG_GERMAN, SUBLANG_GERMAN), SORT_DEFAULT), before = ::GetThreadLocale();
     ::SetThreadLocale(german);
-    EXPECT_HR(S_OK, m_register());
-    EXPECT_EQ(german, ::GetThreadLocale());
+    ASSERT_HR(S_OK, m_unregister());
     EXPECT_HR(S_OK, m_unregister());
     EXPECT_EQ(german, ::GetThreadLocale());
     ::SetThreadLocale(before);
+    for (const auto& c : kExpectedClasses) EXPECT_FALSE(RegKeyExists(HKEY_CLASSES_ROOT, c.progId)) << Narrow(c.progId);
+    EXPECT_FALSE(RegKeyExists(HKEY_CLASSES_ROOT, L"TypeLib\\" + GuidText(LIBID_KyUtils)));
+    EXPECT_FALSE(RegKeyExists(HKEY_CLASSES_ROOT, L"Interface\\" + GuidText(IID_IObjectGodfather)));
+    ASSERT_HR(S_OK, m_register());
+    ExpectRegistered();
+}
+
+TEST_F(Registration, ReRegistrationReplacesForceRemovedKeysButKeepsTheTimerProgIds) {
+    // key, force-removed
+    const std::pair<std::wstring, bool> keys[] = {{L"KyUtils.MTAObjectGodfather", true},
+                                                  {L"CLSID\\" + GuidText(CLSID_MTAObjectGodfather), true},
+                                                  {L"kyutils.SystemTimer", false}};
+    for (const auto& [key, forced] : keys) ::RegSetValueW(HKEY_CLASSES_ROOT, (key + L"\\Stale").c_str(), REG_SZ, L"x", 1);
+    ::RegSetValueW(HKEY_CLASSES_ROOT, L"kyutils.SystemTimer", REG_SZ, L"changed", 7);
+    ASSERT_HR(S_OK, m_register());
+    for (const auto& [key, forced] : keys) EXPECT_NE(forced, RegKeyExists(HKEY_CLASSES_ROOT, key + L"\\Stale")) << Narrow(key);
+    EXPECT_EQ(L"SystemTimer Class", RegValue(L"kyutils.SystemTimer"));  // its values are written again
+    ::RegDeleteKeyW(HKEY_CLASSES_ROOT, L"kyutils.SystemTimer\\Stale");
 }
 
 TEST_F(Registration, EveryRegisteredClassIsCreatableByItsProgIds) {
-    auto create = [](const ExpectedClass& c) {
-        SCOPED_TRACE(Narrow(c.progId));
-        for (std::wstring progId : {std::wstring(c.progId), std::wstring(c.progId) + L".1"}) {
-            CLSID clsid;
-            ASSERT_HR(S_OK, ::CLSIDFromProgID(progId.c_str(), &clsid));
-            EXPECT_TRUE(IsEqualCLSID(*c.clsid, clsid));
-            ComPtr<IUnknown> object;
-            EXPECT_HR(S_OK, ::CoCreateInstance(clsid, nullptr, CLSCTX_INPROC_SERVER, IID_IUnknown, &object));
-        }
-    };
     // Each class is created from an apartment its threading model lives in.
     // (Wine 8 keeps a reference to the class object of a class that it hosts
     // in another apartment for the caller, which would keep the module locked.)
-    for (const auto& c : kExpectedClasses) {
-        std::wstring model = c.threadingModel;
-        if (Served(*c.clsid) && (model == L"Free" || model == L"Both")) create(c);
-    }
-    RunInApartment(COINIT_APARTMENTTHREADED, [&] {
+    auto create = [](bool inSta) {
         for (const auto& c : kExpectedClasses) {
-            std::wstring model = c.threadingModel;
-            if (Served(*c.clsid) && (model == L"Apartment" || model.empty())) create(c);
+            const std::wstring model = c.threadingModel;
+            if (!Served(*c.clsid) || inSta != (model == L"Apartment" || model.empty())) continue;
+            for (std::wstring progId : {std::wstring(c.progId), std::wstring(c.progId) + L".1"}) {
+                CLSID clsid;
+                ComPtr<IUnknown> object;
+                EXPECT_HR(S_OK, ::CLSIDFromProgID(progId.c_str(), &clsid)) << Narrow(progId);
+                EXPECT_HR(S_OK, ::CoCreateInstance(clsid, nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&object)));
+            }
         }
-    });
+    };
+    create(false);
+    RunInApartment(COINIT_APARTMENTTHREADED, [&] { create(true); });
 }
 
 }  // namespace
