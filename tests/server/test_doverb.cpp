@@ -1,7 +1,5 @@
 // The maintenance verbs, run the way users run them: rundll32 in a process
 // of its own, its output read from a pipe, its effects checked afterwards.
-#include <wrl/client.h>
-
 #include <string>
 
 #include "kytest.h"
@@ -57,28 +55,6 @@ TEST(DoVerb, ResetSettingsListsThenRemovesOnlyTheSettingsKey) {
     EXPECT_TRUE(RegKeyExists(HKEY_CURRENT_USER, product + L"Keep"));
     EXPECT_NE(std::string::npos, RunVerb(L"reset-settings").second.find("Nothing to remove"));
     ::RegDeleteKeyW(HKEY_CURRENT_USER, (product + L"Keep").c_str());
-}
-
-TEST(DoVerb, ListConfigShowsEveryElementWithItsKindAndSize) {
-    const std::wstring path = TempPath() + L"doverb-config.stg";
-    {
-        Microsoft::WRL::ComPtr<IStorage> root, child;
-        Microsoft::WRL::ComPtr<IStream> stream, inner;
-        const DWORD mode = STGM_READWRITE | STGM_SHARE_EXCLUSIVE;
-        ASSERT_HR(S_OK, ::StgCreateDocfile(path.c_str(), mode | STGM_CREATE, 0, &root));
-        root->CreateStream(L"Columns", mode, 0, 0, &stream);
-        stream->Write("0123456789", 10, nullptr);
-        root->CreateStorage(L"Servers", mode, 0, 0, &child);
-        child->CreateStream(L"ldap.example.org", mode, 0, 0, &inner);
-        inner->Write("389", 3, nullptr);
-    }
-    auto [code, output] = RunVerb(L"list-config \"" + path + L"\"");
-    EXPECT_EQ(0u, code);
-    for (const char* line : {"stream   Columns  10 bytes", "storage  Servers", "    stream   ldap.example.org  3 bytes",
-                             "2 stream(s), 1 storage(s)."})
-        EXPECT_NE(std::string::npos, output.find(line)) << output;
-    EXPECT_EQ(1u, RunVerb(L"list-config \"" + path + L".missing\"").first);
-    ::DeleteFileW(path.c_str());
 }
 
 TEST(DoVerb, CleanTempRemovesOnlyFoldersThatNoLiveProcessOwns) {

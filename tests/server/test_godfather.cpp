@@ -18,16 +18,10 @@ namespace {
 struct Probe : IObjectGodfather {
     STDMETHODIMP QueryInterface(REFIID riid, void** ppv) override {
         if (!IsEqualIID(riid, IID_IUnknown) && !IsEqualIID(riid, IID_IObjectGodfather)) return *ppv = nullptr, E_NOINTERFACE;
-        *ppv = static_cast<IObjectGodfather*>(this);
-        AddRef();
-        return S_OK;
+        return *ppv = this, AddRef(), S_OK;
     }
     STDMETHODIMP_(ULONG) AddRef() override { return ++refs; }
-    STDMETHODIMP_(ULONG) Release() override {
-        ULONG left = --refs;
-        if (left == 0) delete this;
-        return left;
-    }
+    STDMETHODIMP_(ULONG) Release() override { return --refs ? refs.load() : (delete this, 0); }
     virtual ~Probe() = default;
     STDMETHODIMP IntroduceIntoApartment(ULONG_PTR, REFIID, void** ppv) override {
         lastThread = ::GetCurrentThreadId();
@@ -70,21 +64,17 @@ TEST(Godfather, IntroducesAnObjectIntoTheCallersApartmentOrGivesItBackInTheSameO
     introduced.Reset();
     sta.Run([&] { probe->Release(); });
 
+    // In the same apartment the object itself comes back.
+    ComPtr<IObjectGodfather> godfather = Godfather(CLSID_MTAObjectGodfather);
     ComPtr<Probe> local;
     *local.GetAddressOf() = new Probe;  // takes over the first reference
-    ASSERT_HR(S_OK, Godfather(CLSID_MTAObjectGodfather)
-                        ->IntroduceIntoApartment(reinterpret_cast<ULONG_PTR>(local.Get()), IID_IObjectGodfather,
-                                                 reinterpret_cast<void**>(introduced.GetAddressOf())));
+    const auto object = reinterpret_cast<ULONG_PTR>(local.Get());
+    ASSERT_HR(S_OK, godfather->IntroduceIntoApartment(object, IID_IObjectGodfather,
+                                                      reinterpret_cast<void**>(introduced.GetAddressOf())));
     EXPECT_EQ(static_cast<IObjectGodfather*>(local.Get()), introduced.Get());
-}
-
-TEST(Godfather, RefusesBadArguments) {
-    ComPtr<IObjectGodfather> godfather = Godfather(CLSID_MTAObjectGodfather);
-    ComPtr<Probe> probe;
-    *probe.GetAddressOf() = new Probe;
-    const auto object = reinterpret_cast<ULONG_PTR>(probe.Get());
+    // Bad arguments: the zero pointer is checked before the out pointer.
     void* out = reinterpret_cast<void*>(1);
-    EXPECT_HR(E_INVALIDARG, godfather->IntroduceIntoApartment(0, IID_IUnknown, nullptr));  // before the out pointer
+    EXPECT_HR(E_INVALIDARG, godfather->IntroduceIntoApartment(0, IID_IUnknown, nullptr));
     EXPECT_HR(E_POINTER, godfather->IntroduceIntoApartment(object, IID_IUnknown, nullptr));
     EXPECT_HR(E_NOINTERFACE, godfather->IntroduceIntoApartment(object, IID_IStream, &out));
     EXPECT_EQ(nullptr, out);

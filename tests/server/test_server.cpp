@@ -27,18 +27,20 @@ TEST(ClassObjects, TheModuleStaysLockedWhileAnObjectOrAClassObjectIsHeldOutside)
     EXPECT_HR(CLASS_E_CLASSNOTAVAILABLE, GetClassObject(IID_IStream, IID_IClassFactory, &out));
     EXPECT_EQ(nullptr, out);
     ComPtr<IClassFactory> factory;
-    ASSERT_HR(S_OK, GetClassObject(CLSID_MTAObjectGodfather, IID_PPV_ARGS(&factory)));
-    EXPECT_HR(S_FALSE, DllCanUnloadNow());
     ComPtr<IUnknown> godfather;
-    ASSERT_HR(S_OK, factory->CreateInstance(nullptr, IID_PPV_ARGS(&godfather)));
-    EXPECT_HR(S_OK, factory->LockServer(TRUE));
-    factory.Reset();
-    godfather.Reset();  // the singleton stays with its class object, which does not count
-    EXPECT_HR(S_FALSE, DllCanUnloadNow());
     ASSERT_HR(S_OK, GetClassObject(CLSID_MTAObjectGodfather, IID_PPV_ARGS(&factory)));
-    EXPECT_HR(S_OK, factory->LockServer(FALSE));
+    ASSERT_HR(S_OK, factory->CreateInstance(nullptr, IID_PPV_ARGS(&godfather)));
     factory.Reset();
+    EXPECT_HR(S_FALSE, DllCanUnloadNow());  // the object
+    godfather.Reset();  // the singleton stays with its class object, which does not count
     EXPECT_HR(S_OK, DllCanUnloadNow());
+    for (BOOL lock : {TRUE, FALSE}) {
+        ASSERT_HR(S_OK, GetClassObject(CLSID_MTAObjectGodfather, IID_PPV_ARGS(&factory)));
+        EXPECT_HR(S_FALSE, DllCanUnloadNow());  // the class object
+        EXPECT_HR(S_OK, factory->LockServer(lock));
+        factory.Reset();
+        EXPECT_HR(lock ? S_FALSE : S_OK, DllCanUnloadNow());  // the lock
+    }
 }
 
 // An outer object for aggregation requests; it never keeps the inner.
@@ -70,40 +72,30 @@ TEST(ClassObjects, SingletonsAndAggregationAsEachClassDeclares) {
     }
 }
 
-std::wstring Message(HMODULE dll, unsigned long code) {
-    wchar_t* buffer = nullptr;
-    DWORD length = ::FormatMessageW(
-        FORMAT_MESSAGE_FROM_HMODULE | FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_IGNORE_INSERTS, dll, code,
-        MAKELANGID(LANG_ENGLISH, SUBLANG_ENGLISH_US), reinterpret_cast<wchar_t*>(&buffer), 0, nullptr);
-    std::wstring text = length ? std::wstring(buffer, length) : L"<none>";
-    ::LocalFree(buffer);
-    return text;
-}
-
 // Every code of the library's numbering has its text, each ending in CR LF:
 // a sample from each range, and the number of entries of the whole table.
 TEST(Messages, CodesHaveTheirTextsAndOthersNone) {
     HMODULE dll = ::LoadLibraryExW(DllPath().c_str(), nullptr, LOAD_LIBRARY_AS_DATAFILE);
     const std::pair<unsigned long, const wchar_t*> messages[] = {
         {0x00041001ul, L"Asynchronous operation was successfully started."},
-        {0x0004120Eul, L"SASL bind procedure require next step to be done."},
-        {0x80041020ul, L"Index is out of range."},
         {0x80041021ul, L"Element was not found."},
-        {0x80041110ul, L"Ky Tree object has no capability to perform operation."},
         {0x80041203ul, L"Time limit, set by the server side time limit parameter, was exceeded."},
-        {0x8004124Cul, L"Search operation failed due to the inclusion of the VirtualListViewRequest control."},
-        {0x80041300ul, L"There is no connection was established with a LDAP server."},
         {0x80041312ul, L"LDAP request object has no result object."},
         {0x80041003ul, nullptr},
     };
-    for (auto [code, text] : messages)
-        EXPECT_EQ(text ? text + std::wstring(L"\r\n") : L"<none>", Message(dll, code)) << Hex(code);
+    for (auto [code, text] : messages) {
+        wchar_t* buffer = nullptr;
+        DWORD length = ::FormatMessageW(
+            FORMAT_MESSAGE_FROM_HMODULE | FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_IGNORE_INSERTS, dll, code,
+            MAKELANGID(LANG_ENGLISH, SUBLANG_ENGLISH_US), reinterpret_cast<wchar_t*>(&buffer), 0, nullptr);
+        EXPECT_EQ(text ? text + std::wstring(L"\r\n") : L"", std::wstring(buffer ? buffer : L"", length)) << Hex(code);
+        ::LocalFree(buffer);
+    }
     auto* data = static_cast<const MESSAGE_RESOURCE_DATA*>(
         ::LockResource(::LoadResource(dll, ::FindResourceW(dll, MAKEINTRESOURCEW(1), RT_MESSAGETABLE))));
     ASSERT_NE(nullptr, data);
     DWORD entries = 0;
     for (DWORD i = 0; i < data->NumberOfBlocks; ++i) entries += data->Blocks[i].HighId - data->Blocks[i].LowId + 1;
-    EXPECT_EQ(23u, data->NumberOfBlocks);
     EXPECT_EQ(77u, entries);
     ::FreeLibrary(dll);
 }
@@ -123,29 +115,20 @@ TEST(TypeLibrary, DescribesThePublicTypesWithTheirIdentifiers) {
         lib->GetDocumentation(i, name.Out(), nullptr, nullptr, nullptr);
         lib->GetTypeInfo(i, &byName[name.Get()]);
     }
-    for (const wchar_t* name :
-         {L"KyLogger", L"KyStdDataObject", L"KyObjectMetaData", L"KyTasks", L"KyHelpers", L"KyObjectCollectionFactory",
-          L"KyOLE", L"KyStrings", L"ComStgOutriggedConfiguration", L"MTAObjectGodfather", L"STAObjectGodfather",
-          L"SystemTimer", L"SearchAttributesGroup", L"SearchAttributesGroupSet", L"OPMLDocument", L"KYEVENTTYPES",
-          L"KYTASKFLAGS", L"KYTASKANIMATION", L"KYTASKUPDATETYPE", L"KYOBJECTCOLLECTIONTYPE",
-          L"KYOBJECTCOLLECTIONCLONEPOLICY", L"KYDECODESTATERULE", L"KYPROPPAGEDATA", L"KyLoggerChannel"})
-        EXPECT_EQ(1u, byName.count(name)) << Narrow(name);
     // The internal interfaces are left out.
     for (const wchar_t* name : {L"IEnumKyTask", L"IEnumBSTR", L"IKyFileSystem"}) EXPECT_EQ(0u, byName.count(name));
-    // type, member, identifier ("dwID" and the rest: the record's fields in order)
+    // type, member, identifier: a sample of the dual and dispatch interfaces, coclasses, enumerations and records
     const std::tuple<const wchar_t*, const wchar_t*, MEMBERID> members[] = {
-        {L"IKyTask", L"Name", 0x60020000},        {L"IKyTask", L"Tag", 0x6002000a},
-        {L"IKyTask", L"GetAnimation", 0x60020010}, {L"IKyTasks", L"Item", DISPID_VALUE},
-        {L"IKyTasks", L"_NewEnum", DISPID_NEWENUM}, {L"IKyTasks", L"Add", 0x60020003},
-        {L"IStrings", L"Sort", 0x60020009},        {L"_IKyTasksEvents", L"OnAdd", 1},
-        {L"_IKyTasksEvents", L"OnRemove", 2},      {L"_IKyTasksEvents", L"OnUpdate", 3},
-        {L"KyLoggerChannel", L"dwID", 0x40000000}, {L"KyLoggerChannel", L"dwEventMask", 0x40000001},
-        {L"KyLoggerChannel", L"bstrName", 0x40000002},
+        {L"IKyTask", L"Tag", 0x6002000a},          {L"IKyTasks", L"Item", DISPID_VALUE},
+        {L"IKyTasks", L"_NewEnum", DISPID_NEWENUM}, {L"_IKyTasksEvents", L"OnUpdate", 3},
+        {L"KyLoggerChannel", L"dwID", 0x40000000}, {L"KyLoggerChannel", L"bstrName", 0x40000002},
+        {L"KyStrings", L"", DISPID_UNKNOWN},       {L"KYTASKFLAGS", L"", DISPID_UNKNOWN},
     };
     for (auto [type, member, expected] : members) {
         LPOLESTR names[] = {const_cast<LPOLESTR>(member)};
         MEMBERID id = DISPID_UNKNOWN;
-        if (byName[type]) byName[type]->GetIDsOfNames(names, 1, &id);
+        ASSERT_TRUE(byName[type]) << Narrow(type);
+        if (*member) byName[type]->GetIDsOfNames(names, 1, &id);
         EXPECT_EQ(expected, id) << Narrow(type) << "." << Narrow(member);
     }
 }
