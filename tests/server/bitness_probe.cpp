@@ -33,9 +33,8 @@ const char* Probe(bool expectServed) {
     DISPID id = DISPID_UNKNOWN;
     com::Variant count;
     DISPPARAMS none{nullptr, nullptr, 0, 0};
-    if (FAILED(hr) || FAILED(strings->GetIDsOfNames(IID_NULL, names, 1, LOCALE_USER_DEFAULT, &id)) ||
-        FAILED(strings->Invoke(id, IID_NULL, 0, DISPATCH_PROPERTYGET, &none, &count, nullptr, nullptr)) ||
-        V_VT(&count) != VT_I4)
+    if (FAILED(hr) || FAILED(strings->GetIDsOfNames(IID_NULL, names, 1, 0, &id)) ||
+        FAILED(strings->Invoke(id, IID_NULL, 0, DISPATCH_PROPERTYGET, &none, &count, nullptr, nullptr)))
         return "calling the class by name";
     wchar_t loaded[MAX_PATH] = L"";
     ::GetModuleFileNameW(LoadedDll(), loaded, MAX_PATH);

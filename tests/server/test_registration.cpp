@@ -1,20 +1,19 @@
-// Self-registration: the keys each registered class writes, the type library
-// and the proxy/stub, removal, and re-registration.
+// Self-registration (the keys each registered class writes, the type library
+// and the proxy/stub, removal, and re-registration) and the maintenance verbs.
+#include <cstdio>
+#include <string>
+
 #include "classtable.h"
 #include "kytest.h"
 
 namespace ky::test {
 namespace {
 
-std::wstring RegValue(const std::wstring& key, const wchar_t* value = nullptr) {
-    std::wstring text;
+std::wstring RegValue(const std::wstring& key, const wchar_t* value = nullptr, std::wstring text = L"") {
     return ReadRegString(HKEY_CLASSES_ROOT, key, value, &text) ? text : L"<missing>";
 }
 
-HMODULE Dll() {
-    static HMODULE dll = ::LoadLibraryW(DllPath().c_str());
-    return dll;
-}
+HMODULE Dll() { static HMODULE dll = ::LoadLibraryW(DllPath().c_str()); return dll; }
 HRESULT Call(const char* entry) {
     return reinterpret_cast<HRESULT(STDAPICALLTYPE*)()>(reinterpret_cast<void*>(::GetProcAddress(Dll(), entry)))();
 }
@@ -31,7 +30,7 @@ void ExpectRegistered() {
         SCOPED_TRACE(Narrow(c.progId));
         const std::wstring key = L"CLSID\\" + GuidText(*c.clsid), progId = c.progId, versioned = progId + L".1";
         if (!Served(*c.clsid)) {
-            for (const auto& absent : {versioned, progId, key}) EXPECT_FALSE(RegKeyExists(HKEY_CLASSES_ROOT, absent));
+            EXPECT_FALSE(RegKeyExists(HKEY_CLASSES_ROOT, key));
             continue;
         }
         // key, value, expected ("" is an empty value that exists)
@@ -67,13 +66,9 @@ TEST_F(Registration, RegistersTheClassesTheTypeLibraryAndTheProxyStubAndRemovesT
     EXPECT_EQ(DllFile(), RegValue(L"CLSID\\" + proxyStub + L"\\InprocServer32"));
     EXPECT_EQ(proxyStub, RegValue(L"Interface\\" + GuidText(IID_IStrings) + L"\\ProxyStubClsid32"));
 
-    // Removal takes it all, succeeds again with nothing to remove, and keeps the caller's thread locale.
-    const LCID german = MAKELCID(MAKELANGID(LANG_GERMAN, SUBLANG_GERMAN), SORT_DEFAULT), before = ::GetThreadLocale();
-    ::SetThreadLocale(german);
-    ASSERT_HR(S_OK, Call("DllUnregisterServer"));
+    // Removal takes it all, and succeeds again with nothing to remove.
     EXPECT_HR(S_OK, Call("DllUnregisterServer"));
-    EXPECT_EQ(german, ::GetThreadLocale());
-    ::SetThreadLocale(before);
+    EXPECT_HR(S_OK, Call("DllUnregisterServer"));
     for (const auto& c : kExpectedClasses) EXPECT_FALSE(RegKeyExists(HKEY_CLASSES_ROOT, c.progId)) << Narrow(c.progId);
     EXPECT_FALSE(RegKeyExists(HKEY_CLASSES_ROOT, L"TypeLib\\" + GuidText(LIBID_KyUtils)));
     EXPECT_FALSE(RegKeyExists(HKEY_CLASSES_ROOT, L"Interface\\" + GuidText(IID_IObjectGodfather)));
@@ -81,17 +76,52 @@ TEST_F(Registration, RegistersTheClassesTheTypeLibraryAndTheProxyStubAndRemovesT
     ExpectRegistered();
 }
 
-TEST_F(Registration, ReRegistrationReplacesForceRemovedKeysButKeepsTheTimerProgIds) {
-    // key, force-removed
-    const std::pair<std::wstring, bool> keys[] = {{L"KyUtils.MTAObjectGodfather", true},
-                                                  {L"CLSID\\" + GuidText(CLSID_MTAObjectGodfather), true},
-                                                  {L"kyutils.SystemTimer", false}};
-    for (const auto& [key, forced] : keys) ::RegSetValueW(HKEY_CLASSES_ROOT, (key + L"\\Stale").c_str(), REG_SZ, L"x", 1);
-    ::RegSetValueW(HKEY_CLASSES_ROOT, L"kyutils.SystemTimer", REG_SZ, L"changed", 7);
-    ASSERT_HR(S_OK, Call("DllRegisterServer"));
-    for (const auto& [key, forced] : keys) EXPECT_NE(forced, RegKeyExists(HKEY_CLASSES_ROOT, key + L"\\Stale")) << Narrow(key);
-    EXPECT_EQ(L"SystemTimer Class", RegValue(L"kyutils.SystemTimer"));  // its values are written again
-    ::RegDeleteKeyW(HKEY_CLASSES_ROOT, L"kyutils.SystemTimer\\Stale");
+// The maintenance verbs, run the way users run them: rundll32 in a process
+// of its own, its output read from a pipe, its effects checked afterwards.
+// The exit code and the output (errors included) of one run.
+std::pair<DWORD, std::string> RunVerb(const std::wstring& arguments) {
+    FILE* pipe = ::_wpopen((L"rundll32.exe " + DllPath() + L",DoVerbW " + arguments + L" 2>&1").c_str(), L"rb");
+    std::pair<DWORD, std::string> result{0xFFFFFFFF, ""};
+    char buffer[4096];
+    for (size_t read; pipe && (read = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;) result.second.append(buffer, read);
+    if (pipe) result.first = static_cast<DWORD>(::_pclose(pipe));
+    return result;
+}
+
+// Help, for an unknown or missing verb too (which fail); reset-settings removes only the settings key;
+// clean-temp removes only temporary folders that no live process owns.
+TEST(DoVerb, EachVerbDoesWhatItPrints) {
+    const std::wstring product = L"Software\\Norvane\\Tessaly 3\\", settings = product + L"Settings";
+    ::RegSetKeyValueW(HKEY_CURRENT_USER, (settings + L"\\Recent").c_str(), nullptr, REG_SZ, L"", 2);
+    ::RegSetKeyValueW(HKEY_CURRENT_USER, settings.c_str(), L"LastServer", REG_SZ, L"ldap.example.org", 34);
+    ::RegSetKeyValueW(HKEY_CURRENT_USER, (product + L"Keep").c_str(), nullptr, REG_SZ, L"", 2);
+    HANDLE markers[2];
+    std::wstring folders[2];
+    for (int i = 0; i < 2; ++i) {
+        folders[i] = TempPath() + L"KyUtils-{0D1E0D1E-0000-4000-8000-00000000000" + std::to_wstring(i) + L"}";
+        ::CreateDirectoryW(folders[i].c_str(), nullptr);
+        markers[i] = ::CreateFileW((folders[i] + L"\\KyUtils.owner").c_str(), GENERIC_READ | GENERIC_WRITE,
+                                   FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, CREATE_ALWAYS, 0, nullptr);
+    }
+    ::CloseHandle(markers[0]);  // its owner is gone; this test stays the other's owner
+    // arguments, exit code, expected in the output (names of verbs ignore case)
+    const std::tuple<const wchar_t*, DWORD, const char*> runs[] = {
+        {L"help", 0, "  clean-temp"}, {L"HELP", 0, "  reset-settings"}, {L"frobnicate now", 1, "Unknown verb \"frobnicate\""},
+        {L"", 1, "Usage:"}, {L"reset-settings", 0, "LastServer = \"ldap.example.org\""},
+        {L"reset-settings", 0, "Nothing to remove"}, {L"clean-temp", 0, "in use   "}};
+    for (auto [arguments, exitCode, expected] : runs) {
+        auto [code, output] = RunVerb(arguments);
+        EXPECT_EQ(exitCode, code) << Narrow(arguments);
+        EXPECT_NE(std::string::npos, output.find(expected)) << output;
+    }
+    EXPECT_FALSE(RegKeyExists(HKEY_CURRENT_USER, settings));
+    EXPECT_TRUE(RegKeyExists(HKEY_CURRENT_USER, product + L"Keep"));
+    ::RegDeleteKeyW(HKEY_CURRENT_USER, (product + L"Keep").c_str());
+    EXPECT_EQ(INVALID_FILE_ATTRIBUTES, ::GetFileAttributesW(folders[0].c_str()));
+    EXPECT_NE(INVALID_FILE_ATTRIBUTES, ::GetFileAttributesW(folders[1].c_str()));
+    ::CloseHandle(markers[1]);
+    RunVerb(L"clean-temp");
+    EXPECT_EQ(INVALID_FILE_ATTRIBUTES, ::GetFileAttributesW(folders[1].c_str()));
 }
 
 }  // namespace
