@@ -1,5 +1,6 @@
-// The connection point: cookies are slot index + 1, slots are never
-// compacted, firing returns the last listener's result.
+// The connection point (cookies are slot index + 1, slots are never
+// compacted, firing returns the last listener's result) and the snapshot
+// enumerator of its connections.
 #include <wrl/client.h>
 
 #include "kytest.h"
@@ -10,141 +11,90 @@ using Microsoft::WRL::ComPtr;
 namespace ky::test {
 namespace {
 
-struct Fixture : ::testing::Test {
+struct ConnectionPoint : ::testing::Test {
     void SetUp() override {
         ASSERT_HR(S_OK, Source::Make(source));
-        ComPtr<IConnectionPointContainer> container;
         ASSERT_HR(S_OK, source.As(&container));
         ASSERT_HR(S_OK, container->FindConnectionPoint(IID_IPropertyNotifySink, &point));
     }
-    ComPtr<Listener> NewListener() {
+    static ComPtr<Listener> NewListener() {
         ComPtr<Listener> listener;
-        EXPECT_HR(S_OK, Listener::Make(listener));
-        return listener;
+        return Listener::Make(listener) == S_OK ? listener : nullptr;
     }
     DWORD Advise(const ComPtr<Listener>& listener) {
         DWORD cookie = 0;
-        EXPECT_HR(S_OK, point->Advise(listener->Identity(), &cookie));
-        return cookie;
+        return point->Advise(listener->Identity(), &cookie) == S_OK ? cookie : 0;
     }
     ComPtr<Source> source;
+    ComPtr<IConnectionPointContainer> container;
     ComPtr<IConnectionPoint> point;
 };
 
-using ConnectionPoint = Fixture;
-
-TEST_F(ConnectionPoint, CookiesAreSlotsAndSurviveUnadvise) {
+TEST_F(ConnectionPoint, CookiesAreSlotsThatUnadviseFreesForReuse) {
     auto a = NewListener(), b = NewListener(), c = NewListener();
-    EXPECT_EQ(1u, Advise(a));
-    EXPECT_EQ(2u, Advise(b));
-    EXPECT_EQ(3u, Advise(c));
+    EXPECT_EQ(std::vector<DWORD>({1, 2, 3}), std::vector<DWORD>({Advise(a), Advise(b), Advise(c)}));
     EXPECT_HR(S_OK, point->Unadvise(1));
     EXPECT_HR(S_OK, source->FireChanged(7));
     EXPECT_TRUE(a->heard.empty());
-    EXPECT_EQ(1u, b->heard.size());
     EXPECT_EQ(1u, c->heard.size());
-    auto d = NewListener();
-    EXPECT_EQ(1u, Advise(d));  // the first empty slot is reused
-    EXPECT_HR(S_OK, point->Unadvise(2));
-    EXPECT_HR(S_OK, point->Unadvise(3));
-    EXPECT_HR(S_OK, point->Unadvise(1));
-}
-
-TEST_F(ConnectionPoint, UnadviseRefusesUnknownCookies) {
-    auto a = NewListener();
-    DWORD cookie = Advise(a);
-    EXPECT_HR(CONNECT_E_NOCONNECTION, point->Unadvise(0));
-    EXPECT_HR(CONNECT_E_NOCONNECTION, point->Unadvise(cookie + 1));
-    EXPECT_HR(S_OK, point->Unadvise(cookie));
-    EXPECT_HR(CONNECT_E_NOCONNECTION, point->Unadvise(cookie));
-}
-
-TEST_F(ConnectionPoint, AdviseChecksItsArgumentsAndTheSink) {
+    EXPECT_EQ(1u, Advise(a));  // the first empty slot is reused
+    // cookie, result: unknown cookies are refused, each known one once.
+    const std::pair<DWORD, HRESULT> unadvise[] = {{0, CONNECT_E_NOCONNECTION}, {4, CONNECT_E_NOCONNECTION},
+                                                  {3, S_OK}, {3, CONNECT_E_NOCONNECTION}, {2, S_OK}, {1, S_OK}};
+    for (auto [cookie, hr] : unadvise) EXPECT_HR(hr, point->Unadvise(cookie)) << cookie;
     DWORD cookie = 5;
     EXPECT_HR(E_POINTER, point->Advise(nullptr, &cookie));
-    EXPECT_EQ(0u, cookie);
-    auto a = NewListener();
-    EXPECT_HR(E_POINTER, point->Advise(a->Identity(), nullptr));
-    ComPtr<IUnknown> widget;
-    ASSERT_HR(S_OK, Widget::CreateInstance(nullptr, IID_IUnknown, &widget));
-    EXPECT_HR(CONNECT_E_CANNOTCONNECT, point->Advise(widget.Get(), &cookie));
+    EXPECT_HR(CONNECT_E_CANNOTCONNECT, point->Advise(source->Identity(), &cookie));  // not a listener
 }
 
-TEST_F(ConnectionPoint, FiringReturnsTheLastListenersResult) {
+TEST_F(ConnectionPoint, FiringReachesEveryListenerAndReturnsTheLastOnesResult) {
     EXPECT_HR(S_OK, source->FireChanged(1));  // nobody listening
-    auto a = NewListener(), b = NewListener();
+    auto a = NewListener(), b = NewListener(), late = NewListener();
     a->result = E_ACCESSDENIED;
-    DWORD ca = Advise(a);
-    DWORD cb = Advise(b);
+    DWORD ca = Advise(a), cb = Advise(b), cl = 0;
+    // Advised during a firing: heard from the next one. Unadvising itself while called is allowed.
+    a->onChanged = [&] { cl ? point->Unadvise(ca) : point->Advise(late->Identity(), &cl); };
     EXPECT_HR(S_OK, source->FireChanged(1));
-    EXPECT_EQ(1u, a->heard.size());  // a failing listener does not stop the firing
-    b->result = E_FAIL;
-    EXPECT_HR(E_FAIL, source->FireChanged(2));
-    point->Unadvise(ca);
-    point->Unadvise(cb);
-}
-
-TEST_F(ConnectionPoint, ListenersAdvisedDuringAFiringWaitForTheNext) {
-    auto a = NewListener(), late = NewListener();
-    DWORD lateCookie = 0;
-    a->onChanged = [&] {
-        if (!lateCookie) point->Advise(late->Identity(), &lateCookie);
-    };
-    DWORD ca = Advise(a);
-    source->FireChanged(1);
     EXPECT_TRUE(late->heard.empty());
-    source->FireChanged(2);
+    b->result = E_FAIL;
+    EXPECT_HR(S_OK, source->FireChanged(2));  // the late listener is last now
+    EXPECT_EQ(2u, a->heard.size());            // a failing listener does not stop the firing
     EXPECT_EQ(1u, late->heard.size());
-    point->Unadvise(ca);
-    point->Unadvise(lateCookie);
-}
-
-TEST_F(ConnectionPoint, AListenerMayUnadviseItselfWhileBeingCalled) {
-    auto a = NewListener();
-    DWORD ca = 0;
-    a->onChanged = [&] { EXPECT_HR(S_OK, point->Unadvise(ca)); };
-    ca = Advise(a);
-    EXPECT_HR(S_OK, source->FireChanged(1));
-    EXPECT_HR(S_OK, source->FireChanged(2));
-    EXPECT_EQ(1u, a->heard.size());
-}
-
-TEST_F(ConnectionPoint, EnumConnectionsListsOccupiedSlots) {
-    auto a = NewListener(), b = NewListener();
-    DWORD ca = Advise(a);
-    DWORD cb = Advise(b);
-    point->Unadvise(ca);
-    ComPtr<IEnumConnections> e;
-    ASSERT_HR(S_OK, point->EnumConnections(&e));
-    CONNECTDATA data[2];
-    ULONG fetched = 0;
-    EXPECT_HR(S_FALSE, e->Next(2, data, &fetched));
-    ASSERT_EQ(1u, fetched);
-    EXPECT_EQ(cb, data[0].dwCookie);
-    data[0].pUnk->Release();
+    EXPECT_HR(S_OK, source->FireChanged(3));
+    EXPECT_EQ(2u, a->heard.size());
+    point->Unadvise(cl);
+    EXPECT_HR(E_FAIL, source->FireChanged(4));
     point->Unadvise(cb);
 }
 
-TEST_F(ConnectionPoint, BelongsToItsContainer) {
-    IID iid;
-    EXPECT_HR(S_OK, point->GetConnectionInterface(&iid));
-    EXPECT_TRUE(IsEqualIID(iid, IID_IPropertyNotifySink));
-    ComPtr<IConnectionPointContainer> container;
-    ASSERT_HR(S_OK, point->GetConnectionPointContainer(&container));
-    ComPtr<IConnectionPoint> other;
-    EXPECT_HR(CONNECT_E_NOCONNECTION, container->FindConnectionPoint(IID_IPropertyBag, &other));
-    ComPtr<IEnumConnectionPoints> points;
-    ASSERT_HR(S_OK, container->EnumConnectionPoints(&points));
-    IConnectionPoint* got[2] = {};
-    ULONG fetched = 0;
-    EXPECT_HR(S_FALSE, points->Next(2, got, &fetched));
-    ASSERT_EQ(1u, fetched);
-    EXPECT_EQ(point.Get(), got[0]);
-    got[0]->Release();
-    // The point keeps its container alive.
-    container.Reset();
-    source.Reset();
-    EXPECT_HR(S_OK, point->GetConnectionInterface(&iid));
+TEST_F(ConnectionPoint, EnumeratorsSnapshotTheConnectionsAndHoldTheirReferences) {
+    auto a = NewListener(), b = NewListener(), c = NewListener();
+    DWORD ca = Advise(a), cb = Advise(b), cc = Advise(c);
+    point->Unadvise(ca);
+    ComPtr<IEnumConnections> e, clone;
+    ASSERT_HR(S_OK, point->EnumConnections(&e));
+    point->Unadvise(cb), point->Unadvise(cc);  // the snapshot keeps them
+    CONNECTDATA got[2];
+    ULONG fetched;
+    // op: 'n' Next(count), 's' Skip(count), 'r' Reset, 'c' Clone then Next on the clone.
+    const struct { char op; ULONG count; HRESULT hr; ULONG fetched; DWORD first; } steps[] = {
+        {'n', 1, S_OK, 1, 2},     {'c', 1, S_OK, 1, 3},     {'n', 2, S_FALSE, 1, 3}, {'n', 1, S_FALSE, 0, 0},
+        {'r', 0, S_OK, 0, 0},     {'n', 0, S_OK, 0, 0},     {'s', 1, S_OK, 0, 0},    {'n', 1, S_OK, 1, 3},
+        {'s', 5, S_FALSE, 0, 0},  {'r', 0, S_OK, 0, 0},     {'s', 2, S_OK, 0, 0},    {'r', 0, S_OK, 0, 0},
+        {'n', 2, S_OK, 2, 2},
+    };
+    for (const auto& s : steps) {
+        SCOPED_TRACE(testing::Message() << s.op << s.count);
+        fetched = s.op == 's' || s.op == 'r' ? 0 : 99;
+        HRESULT hr = s.op == 'n' ? e->Next(s.count, got, &fetched)
+                   : s.op == 's' ? e->Skip(s.count)
+                   : s.op == 'r' ? e->Reset()
+                                 : (e->Clone(&clone), clone->Next(s.count, got, &fetched));
+        EXPECT_HR(s.hr, hr);
+        EXPECT_EQ(s.fetched, fetched);
+        EXPECT_EQ(s.first, s.fetched ? got[0].dwCookie : 0u);
+        for (ULONG i = 0; i < s.fetched; ++i) got[i].pUnk->Release();
+    }
 }
 
 }  // namespace

@@ -6,6 +6,7 @@
 #include <ocidl.h>
 
 #include <atomic>
+#include <functional>
 #include <vector>
 
 #include "com/classfactory.h"
@@ -14,53 +15,23 @@
 
 namespace ky::test {
 
-// A plain object: IPersistStream (and IPersist through it).
+// A plain object: IPersist through IPersistStream. Its construction fails
+// while `s_failures` is above zero.
 class Widget : public com::Object<Widget, IPersistStream, com::Also<IPersist, IPersistStream>> {
 public:
     static constexpr bool kAggregatable = true;
-    static std::atomic<int> s_live;
+    static std::atomic<int> s_live, s_constructed, s_failures;
     Widget() { ++s_live; }
     ~Widget() override { --s_live; }
-
-    STDMETHODIMP GetClassID(CLSID* clsid) override {
-        if (!clsid) return E_POINTER;
-        *clsid = CLSID_NULL;
-        return S_OK;
+    HRESULT FinalConstruct() {
+        ++s_constructed;
+        return s_failures > 0 && s_failures-- ? E_ACCESSDENIED : S_OK;
     }
+    STDMETHODIMP GetClassID(CLSID*) override { return E_NOTIMPL; }
     STDMETHODIMP IsDirty() override { return S_FALSE; }
     STDMETHODIMP Load(IStream*) override { return E_NOTIMPL; }
     STDMETHODIMP Save(IStream*, BOOL) override { return E_NOTIMPL; }
     STDMETHODIMP GetSizeMax(ULARGE_INTEGER*) override { return E_NOTIMPL; }
-};
-
-// A free-threaded object that refuses aggregation.
-class Agile : public com::Object<Agile, IPersist, com::FreeThreaded> {
-public:
-    STDMETHODIMP GetClassID(CLSID* clsid) override {
-        if (!clsid) return E_POINTER;
-        *clsid = CLSID_NULL;
-        return S_OK;
-    }
-};
-
-// An object whose construction fails the first `s_failures` times.
-class Fragile : public com::Object<Fragile, IPersist> {
-public:
-    static std::atomic<int> s_constructed;
-    static std::atomic<int> s_failures;
-    HRESULT FinalConstruct() {
-        ++s_constructed;
-        if (s_failures > 0) {
-            --s_failures;
-            return E_ACCESSDENIED;
-        }
-        return S_OK;
-    }
-    STDMETHODIMP GetClassID(CLSID* clsid) override {
-        if (!clsid) return E_POINTER;
-        *clsid = CLSID_NULL;
-        return S_OK;
-    }
 };
 
 // An event source with one connection point for IPropertyNotifySink.
@@ -70,7 +41,6 @@ public:
     HRESULT FireChanged(DISPID id) {
         return m_point.Fire<IPropertyNotifySink>([&](IPropertyNotifySink* sink) { return sink->OnChanged(id); });
     }
-    com::ConnectionPoint& Point() { return m_point; }
 
 private:
     com::CriticalSection m_lock;
@@ -86,7 +56,6 @@ public:
         return result;
     }
     STDMETHODIMP OnRequestEdit(DISPID) override { return S_OK; }
-
     std::vector<DISPID> heard;
     HRESULT result = S_OK;
     std::function<void()> onChanged;
