@@ -1,6 +1,4 @@
-// The standard data object as producers fill it and consumers read it: the
-// stored media themselves are handed out, the object owns what it stores,
-// and requests match by format, aspect and any common medium type.
+// The standard data object as producers fill it and consumers read it.
 #include "exchange.h"
 
 using Microsoft::WRL::ComPtr;
@@ -14,13 +12,6 @@ STGMEDIUM Streamed(const char* bytes, IStream** stream) {
     m.pstm->Write(bytes, static_cast<ULONG>(std::strlen(bytes)), nullptr);  // left standing at its end
     if (stream) (*stream = m.pstm)->AddRef();
     return m;
-}
-
-std::string ContentsOf(IStream* s) {
-    char buffer[64] = {};
-    s->Seek(LARGE_INTEGER{}, STREAM_SEEK_SET, nullptr);
-    s->Read(buffer, sizeof buffer - 1, nullptr);
-    return buffer;
 }
 
 TEST(StdDataObject, GetDataHandsOutTheStoredMediaThemselvesWithAReferenceToTheObject) {
@@ -80,22 +71,10 @@ TEST(StdDataObject, RequestsMatchByFormatAspectAndAnyCommonMediumTypeOldestFirst
     for (auto [request, expected] : {std::pair<FORMATETC, HRESULT>{either, S_OK}, {Format(CF_UNICODETEXT, TYMED_ISTREAM), S_FALSE},
          {Format(CF_UNICODETEXT, TYMED_HGLOBAL, DVASPECT_ICON), S_FALSE}, {Format(CF_TEXT, TYMED_HGLOBAL), S_FALSE}}) {
         EXPECT_HR(expected, data->QueryGetData(&request));
-        if (expected == S_FALSE) EXPECT_HR(DV_E_FORMATETC, data->GetData(&request, &out));
+        EXPECT_HR(expected ? DV_E_FORMATETC : S_OK, data->GetData(&request, &out));
+        if (expected == S_OK) ::ReleaseStgMedium(&out);
     }
     EXPECT_HR(E_INVALIDARG, data->QueryGetData(nullptr));
-}
-
-TEST(StdDataObject, GetDataHereCopiesAWholeStreamIntoTheCallers) {
-    auto data = CreateInstance<IDataObject>(CLSID_KyStdDataObject);
-    FORMATETC streamed = Format(CF_TEXT, TYMED_ISTREAM), text = Format(CF_UNICODETEXT, TYMED_HGLOBAL);
-    STGMEDIUM in = Streamed("abcdef", nullptr), global = GlobalText(L"text"), here = Streamed("", nullptr);
-    ASSERT_HR(S_OK, data->SetData(&streamed, &in, FALSE));
-    ASSERT_HR(S_OK, data->SetData(&text, &global, FALSE));
-    EXPECT_HR(S_OK, data->GetDataHere(&streamed, &here));
-    EXPECT_EQ("abcdef", ContentsOf(here.pstm));
-    EXPECT_HR(DV_E_FORMATETC, data->GetDataHere(&text, &here));  // only streams and storages
-    EXPECT_HR(E_INVALIDARG, data->GetDataHere(&streamed, nullptr));
-    ::ReleaseStgMedium(&here);
 }
 
 TEST(StdDataObject, TheFormatEnumeratorListsEntriesInOrderAndKeepsTheObject) {
@@ -111,7 +90,7 @@ TEST(StdDataObject, TheFormatEnumeratorListsEntriesInOrderAndKeepsTheObject) {
         ASSERT_HR(S_OK, data->SetData(&first, &medium, FALSE));
         medium.pUnkForRelease = nullptr;  // the second entry frees the memory
         ASSERT_HR(S_OK, data->SetData(&second, &medium, FALSE));
-        device.tdSize = 0;  // the object keeps a copy of its own
+        device.tdSize = 0;
         ASSERT_HR(S_OK, data->EnumFormatEtc(DATADIR_GET, &e));
         EXPECT_HR(E_FAIL, data->EnumFormatEtc(DATADIR_SET, &none));
         EXPECT_HR(E_INVALIDARG, data->EnumFormatEtc(3, &none));
@@ -123,8 +102,7 @@ TEST(StdDataObject, TheFormatEnumeratorListsEntriesInOrderAndKeepsTheObject) {
     ASSERT_EQ(2u, fetched);
     EXPECT_EQ((std::vector<DWORD>{CF_UNICODETEXT, CF_TEXT, DVASPECT_THUMBNAIL, TYMED_ISTREAM}),
               (std::vector<DWORD>{got[0].cfFormat, got[1].cfFormat, got[1].dwAspect, got[1].tymed}));
-    ASSERT_TRUE(got[1].ptd && !got[0].ptd);
-    EXPECT_EQ(sizeof(DVTARGETDEVICE), got[1].ptd->tdSize);
+    ASSERT_TRUE(got[1].ptd && !got[0].ptd && got[1].ptd->tdSize == sizeof(DVTARGETDEVICE));  // a copy of its own
     ::CoTaskMemFree(got[1].ptd);
     e.Reset();
     EXPECT_EQ(1, owner.Refs());  // destroyed, the object releases its media
