@@ -1,5 +1,5 @@
-// Pieces shared by the data-exchange tests: test-owned objects that count
-// their references, and HGLOBAL text media.
+// Pieces shared by the data-exchange tests: a test-owned object that counts
+// its references, and HGLOBAL text media.
 #pragma once
 
 #include <windows.h>
@@ -17,21 +17,14 @@ namespace ky::test {
 template <class I>
 Microsoft::WRL::ComPtr<I> CreateInstance(const CLSID& clsid) {
     Microsoft::WRL::ComPtr<I> object;
-    EXPECT_HR(S_OK, ::CoCreateInstance(clsid, nullptr, CLSCTX_INPROC_SERVER, __uuidof(I), &object));
+    EXPECT_HR(S_OK, ::CoCreateInstance(clsid, nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&object)));
     return object;
 }
 
-// An object owned by the test (never deleted through Release) that counts
-// its references: a selected object, the release object of a medium, or an
-// outer object that aggregates.
+// Owned by the test (never deleted through Release): a selected object or the release object of a medium.
 class Counted : public IUnknown {
 public:
-    STDMETHODIMP QueryInterface(REFIID riid, void** ppv) override {
-        *ppv = IsEqualIID(riid, IID_IUnknown) ? this : nullptr;
-        if (!*ppv) return E_NOINTERFACE;
-        AddRef();
-        return S_OK;
-    }
+    STDMETHODIMP QueryInterface(REFIID, void** ppv) override { return *ppv = this, AddRef(), S_OK; }
     STDMETHODIMP_(ULONG) AddRef() override { return ::InterlockedIncrement(&m_refs); }
     STDMETHODIMP_(ULONG) Release() override { return ::InterlockedDecrement(&m_refs); }
     LONG Refs() const { return m_refs; }
@@ -40,10 +33,7 @@ private:
     volatile LONG m_refs = 1;
 };
 
-inline LONG RefsOf(IUnknown* p) {
-    p->AddRef();
-    return static_cast<LONG>(p->Release());
-}
+inline LONG RefsOf(IUnknown* p) { return p->AddRef(), static_cast<LONG>(p->Release()); }
 
 inline FORMATETC Format(CLIPFORMAT cf, DWORD tymed, DWORD aspect = DVASPECT_CONTENT) {
     return FORMATETC{cf, nullptr, aspect, -1, tymed};
@@ -51,20 +41,16 @@ inline FORMATETC Format(CLIPFORMAT cf, DWORD tymed, DWORD aspect = DVASPECT_CONT
 
 inline STGMEDIUM GlobalText(const wchar_t* text, IUnknown* release = nullptr) {
     size_t bytes = (std::wcslen(text) + 1) * sizeof(wchar_t);
-    STGMEDIUM m = {};
-    m.tymed = TYMED_HGLOBAL;
+    STGMEDIUM m = {TYMED_HGLOBAL, {}, release};
     m.hGlobal = ::GlobalAlloc(GMEM_MOVEABLE, bytes);
     std::memcpy(::GlobalLock(m.hGlobal), text, bytes);
     ::GlobalUnlock(m.hGlobal);
-    m.pUnkForRelease = release;
     return m;
 }
 
 inline std::wstring TextOf(HGLOBAL h) {
-    auto* p = static_cast<const wchar_t*>(::GlobalLock(h));
-    std::wstring text = p ? p : L"<none>";
-    ::GlobalUnlock(h);
-    return text;
+    std::wstring text = h ? static_cast<const wchar_t*>(::GlobalLock(h)) : L"<none>";
+    return ::GlobalUnlock(h), text;
 }
 
 }  // namespace ky::test

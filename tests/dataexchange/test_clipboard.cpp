@@ -1,5 +1,5 @@
-// The clipboard gateway against the platform's real clipboard. It lives on
-// the process's main STA, where the application has initialised OLE.
+// The clipboard gateway against the platform's real clipboard, on the
+// process's main STA, where the application has initialised OLE.
 #include "exchange.h"
 
 using Microsoft::WRL::ComPtr;
@@ -7,77 +7,54 @@ using Microsoft::WRL::ComPtr;
 namespace ky::test {
 namespace {
 
-ComPtr<IDataObject> DataWithText(const wchar_t* text) {
-    ComPtr<IDataObject> data = CreateInstance<IDataObject>(CLSID_KyStdDataObject);
-    FORMATETC fe = Format(CF_UNICODETEXT, TYMED_HGLOBAL);
-    STGMEDIUM medium = GlobalText(text);
-    EXPECT_HR(S_OK, data->SetData(&fe, &medium, FALSE));
-    return data;
-}
-
 // The text on the clipboard read through the raw calls; "<none>" when there
 // is none, which the gateway reports as E_FAIL with a null handle.
 std::wstring RawText(IKyOLE* ole) {
-    EXPECT_HR(S_OK, ole->OpenClipboard(0));
     ULONG_PTR handle = 1;
+    EXPECT_HR(S_OK, ole->OpenClipboard(0));
     HRESULT hr = ole->GetClipboardData(CF_UNICODETEXT, &handle);
-    std::wstring text = L"<none>";
-    if (SUCCEEDED(hr)) {
-        text = TextOf(reinterpret_cast<HGLOBAL>(handle));
-    } else {
-        EXPECT_HR(E_FAIL, hr);
-        EXPECT_EQ(0u, handle);
-    }
+    EXPECT_HR(handle ? S_OK : E_FAIL, hr);
+    std::wstring text = TextOf(reinterpret_cast<HGLOBAL>(handle));
     EXPECT_HR(S_OK, ole->CloseClipboard());
     return text;
 }
 
 TEST(ClipboardGateway, RawCallsReportFailureAsEFail) {
-    ComPtr<IKyOLE> ole = CreateInstance<IKyOLE>(CLSID_KyOLE);
+    auto ole = CreateInstance<IKyOLE>(CLSID_KyOLE);
     EXPECT_HR(E_FAIL, ole->CloseClipboard());  // not open
     EXPECT_HR(E_POINTER, ole->GetClipboardData(CF_UNICODETEXT, nullptr));
-    EXPECT_HR(E_POINTER, ole->GetClipboard(nullptr));
-
     HWND gone = ::CreateWindowExW(0, L"STATIC", nullptr, 0, 0, 0, 0, 0, HWND_MESSAGE, nullptr, nullptr, nullptr);
     ::DestroyWindow(gone);
     EXPECT_HR(E_FAIL, ole->OpenClipboard(reinterpret_cast<ULONG_PTR>(gone)));
 }
 
 TEST(ClipboardGateway, ADataObjectOnTheClipboardIsReadByEveryRouteAndFlushed) {
-    ComPtr<IKyOLE> ole = CreateInstance<IKyOLE>(CLSID_KyOLE);
-    ComPtr<IDataObject> data = DataWithText(L"hello clipboard");
+    auto ole = CreateInstance<IKyOLE>(CLSID_KyOLE);
+    auto data = CreateInstance<IDataObject>(CLSID_KyStdDataObject);
+    FORMATETC fe = Format(CF_UNICODETEXT, TYMED_HGLOBAL);
+    STGMEDIUM medium = GlobalText(L"hello clipboard");
+    ASSERT_HR(S_OK, data->SetData(&fe, &medium, FALSE));
     const LONG refs = RefsOf(data.Get());
     ASSERT_HR(S_OK, ole->SetClipboard(data.Get()));
     EXPECT_HR(S_OK, ole->IsCurrentClipboard(data.Get()));
-    EXPECT_HR(S_FALSE, ole->IsCurrentClipboard(nullptr));
-
     // Another thread reads it through the gateway, which answers on its own thread.
     IStream* marshaled = nullptr;
     ASSERT_HR(S_OK, ::CoMarshalInterThreadInterfaceInStream(IID_IKyOLE, ole.Get(), &marshaled));
-    std::wstring seen = L"<nothing>";
-    StaThread reader;
-    reader.Run([&] {
+    StaThread().Run([&] {
         ComPtr<IKyOLE> remote;
         ComPtr<IDataObject> clipboard;
-        ASSERT_HR(S_OK, ::CoGetInterfaceAndReleaseStream(marshaled, IID_IKyOLE, &remote));
+        ASSERT_HR(S_OK, ::CoGetInterfaceAndReleaseStream(marshaled, IID_PPV_ARGS(&remote)));
         ASSERT_HR(S_OK, remote->GetClipboard(&clipboard));
-        FORMATETC fe = Format(CF_UNICODETEXT, TYMED_HGLOBAL);
-        STGMEDIUM medium = {};
         ASSERT_HR(S_OK, clipboard->GetData(&fe, &medium));
-        seen = TextOf(medium.hGlobal);
+        EXPECT_EQ(L"hello clipboard", TextOf(medium.hGlobal));
         ::ReleaseStgMedium(&medium);
     });
-    EXPECT_EQ(L"hello clipboard", seen);
     EXPECT_EQ(L"hello clipboard", RawText(ole.Get()));
-
-    // Flushing renders the data and lets go of the object; the text stays.
-    EXPECT_HR(S_OK, ole->FlushClipboard());
+    EXPECT_HR(S_OK, ole->FlushClipboard());  // renders the data and lets go of the object; the text stays
     EXPECT_HR(S_FALSE, ole->IsCurrentClipboard(data.Get()));
     EXPECT_EQ(refs, RefsOf(data.Get()));
     EXPECT_EQ(L"hello clipboard", RawText(ole.Get()));
-
-    // A null object empties the clipboard.
-    EXPECT_HR(S_OK, ole->SetClipboard(nullptr));
+    EXPECT_HR(S_OK, ole->SetClipboard(nullptr));  // empties the clipboard
     EXPECT_EQ(L"<none>", RawText(ole.Get()));
 }
 

@@ -1,9 +1,6 @@
-// Object collections made by the factory from arrays and from client
-// enumerators, their clone policies and their enumerators. Every test ends
-// with the selected objects' reference counts back at their start values.
+// Object collections made from arrays and client enumerators, and their clones. Every test
+// ends with the selected objects' reference counts back at their start values.
 #include <deque>
-#include <string>
-#include <vector>
 
 #include "exchange.h"
 
@@ -14,205 +11,131 @@ namespace {
 
 using Items = std::vector<IUnknown*>;
 
-// What a client enumerator and its clones share: the failures to inject and
-// the sizes of the Next requests they were asked.
+// Shared by a client enumerator and its clones: the outcomes of the coming Clone calls
+// (S_FALSE: S_OK without a clone), the outcome of Next, the sizes Next was asked for.
 struct Control {
-    std::deque<HRESULT> clones;  // outcomes of the coming Clone calls (S_FALSE: S_OK without a clone)
-    HRESULT nextResult = S_OK;
+    std::deque<HRESULT> clones;
+    HRESULT next = S_OK;
     std::vector<ULONG> requests;
 };
 
-// A client's enumerator over the test's objects (which outlive it); the
-// collections only clone and fetch.
 class ItemEnum : public IEnumUnknown {
 public:
-    ItemEnum(Items items, Control* control, size_t position)
-        : m_items(std::move(items)), m_control(control), m_position(position) {}
-    STDMETHODIMP QueryInterface(REFIID riid, void** ppv) override {
-        *ppv = IsEqualIID(riid, IID_IUnknown) || IsEqualIID(riid, IID_IEnumUnknown) ? this : nullptr;
-        if (!*ppv) return E_NOINTERFACE;
-        AddRef();
-        return S_OK;
-    }
-    STDMETHODIMP_(ULONG) AddRef() override { return ::InterlockedIncrement(&m_refs); }
+    ItemEnum(Items items, Control* control, size_t at) : m_items(std::move(items)), m_control(control), m_at(at) {}
+    STDMETHODIMP QueryInterface(REFIID, void** ppv) override { return *ppv = this, AddRef(), S_OK; }
+    STDMETHODIMP_(ULONG) AddRef() override { return ++m_refs; }
     STDMETHODIMP_(ULONG) Release() override {
-        LONG refs = ::InterlockedDecrement(&m_refs);
-        if (refs == 0) delete this;
-        return refs;
+        if (--m_refs == 0) delete this;
+        return m_refs;
     }
     STDMETHODIMP Next(ULONG celt, IUnknown** rgelt, ULONG* fetched) override {
         m_control->requests.push_back(celt);
-        if (FAILED(m_control->nextResult)) return m_control->nextResult;
+        if (FAILED(m_control->next)) return m_control->next;
         ULONG count = 0;
-        for (; count < celt && m_position < m_items.size(); ++count) (rgelt[count] = m_items[m_position++])->AddRef();
+        for (; count < celt && m_at < m_items.size(); ++count) (rgelt[count] = m_items[m_at++])->AddRef();
         if (fetched) *fetched = count;
         return count == celt ? S_OK : S_FALSE;
     }
     STDMETHODIMP Skip(ULONG) override { return E_NOTIMPL; }
     STDMETHODIMP Reset() override { return E_NOTIMPL; }
     STDMETHODIMP Clone(IEnumUnknown** ppenum) override {
-        *ppenum = nullptr;
-        HRESULT hr = S_OK;
-        if (!m_control->clones.empty()) {
-            hr = m_control->clones.front();
-            m_control->clones.pop_front();
-        }
-        if (hr != S_OK) return hr == S_FALSE ? S_OK : hr;
-        (*ppenum = new ItemEnum(m_items, m_control, m_position))->AddRef();
-        return S_OK;
+        HRESULT hr = m_control->clones.empty() ? S_OK : m_control->clones.front();
+        if (!m_control->clones.empty()) m_control->clones.pop_front();
+        *ppenum = hr == S_OK ? new ItemEnum(m_items, m_control, m_at) : nullptr;
+        if (*ppenum) (*ppenum)->AddRef();
+        return hr == S_FALSE ? S_OK : hr;
     }
 
 private:
-    virtual ~ItemEnum() = default;
-    volatile LONG m_refs = 0;  // (MinGW's ComPtr adds a reference even when it attaches)
+    ULONG m_refs = 0;  // (the collections use it on the test's thread)
     Items m_items;
     Control* m_control;
-    size_t m_position;
+    size_t m_at;
 };
-
-ComPtr<IKyObjectCollectionFactory> Factory() {
-    return CreateInstance<IKyObjectCollectionFactory>(CLSID_KyObjectCollectionFactory);
-}
 
 class ObjectCollections : public ::testing::Test {
 protected:
-    // Every collection, clone and enumerator of the test is gone by now.
-    void TearDown() override {
+    void TearDown() override {  // every collection, clone and enumerator is gone by now
         for (Counted* item : {&a, &x, &y, &z}) EXPECT_EQ(1, item->Refs());
     }
-    ComPtr<IEnumUnknown> Client(Items items, size_t position = 0) {
-        return ComPtr<IEnumUnknown>(new ItemEnum(items, &control, position));
-    }
-    std::string Name(IUnknown* p) { return p == &a ? "a" : p == &x ? "x" : p == &y ? "y" : p == &z ? "z" : "?"; }
-    // The names of the objects an enumerator yields from where it stands, fetched one by one.
-    std::string Drain(IEnumUnknown* e) {
-        std::string names;
-        IUnknown* item = nullptr;
-        ULONG fetched = 0;
-        while (e->Next(1, &item, &fetched) == S_OK) {
-            names += Name(item);
-            item->Release();
-        }
-        return names;
-    }
-    // "<type> <active> <objects>", e.g. "multiple a xyz"; the objects read "-"
-    // when the collection has no enumerator (EnumObjects gives E_UNEXPECTED).
+    ComPtr<IEnumUnknown> Client(Items items, size_t at = 0) { return new ItemEnum(items, &control, at); }
+    // "<type> <active> <objects>", e.g. "2 a xyz"; the objects read "-" when the
+    // collection has no enumerator (EnumObjects gives E_UNEXPECTED).
     std::string Describe(IKyObjectCollection* c) {
-        static const char* const kTypes[] = {"none", "single", "multiple"};
+        auto name = [&](IUnknown* p) { return p == &a ? "a" : p == &x ? "x" : p == &y ? "y" : p == &z ? "z" : "?"; };
         KYOBJECTCOLLECTIONTYPE type = KYOCT_NO_OBJECTS;
         ComPtr<IUnknown> active;
         ComPtr<IEnumUnknown> e;
-        EXPECT_HR(S_OK, c->get_type(&type));
-        EXPECT_HR(S_OK, c->get_Active(&active));
-        HRESULT hr = c->EnumObjects(&e);
-        std::string text = std::string(kTypes[type % 3]) + " " + Name(active.Get()) + " ";
-        if (hr == E_UNEXPECTED && !e) return text + "-";
-        EXPECT_HR(S_OK, hr);
-        return text + (e ? Drain(e.Get()) : "?");
+        EXPECT_HR(S_OK, c->get_type(&type) | c->get_Active(&active));
+        std::string text = std::to_string(type) + " " + name(active.Get()) + " ";
+        if (c->EnumObjects(&e) == E_UNEXPECTED) return text + "-";
+        for (IUnknown* item = nullptr; e->Next(1, &item, nullptr) == S_OK; item->Release()) text += name(item);
+        return text;
     }
 
     Counted a, x, y, z;  // a is the active object
     Control control;
+    ComPtr<IKyObjectCollectionFactory> factory =
+        CreateInstance<IKyObjectCollectionFactory>(CLSID_KyObjectCollectionFactory);
 };
 
-TEST_F(ObjectCollections, FromAnArrayTheCountGivesTheTypeAndBadPairsAreRefused) {
-    IUnknown* objects[3] = {&x, &y, &z};
-    auto factory = Factory();
-    ComPtr<IKyObjectCollection> none, one, many;
-    ASSERT_HR(S_OK, factory->CreateObjectCollection(&a, 0, nullptr, &none));
-    ASSERT_HR(S_OK, factory->CreateObjectCollection(&a, 1, objects, &one));
-    ASSERT_HR(S_OK, factory->CreateObjectCollection(&a, 3, objects, &many));
-    objects[0] = objects[1] = objects[2] = &a;  // the caller may reuse its array at once
-    EXPECT_EQ("none a ", Describe(none.Get()));  // an empty enumerator, not a failure
-    EXPECT_EQ("single a x", Describe(one.Get()));
-    EXPECT_EQ("multiple a xyz", Describe(many.Get()));
+// Types: 0 no objects, 1 a single object, 2 multiple objects.
+TEST_F(ObjectCollections, TheCountOfObjectsGivesTheType) {
+    for (auto [count, expected] : {std::pair<ULONG, std::string>{0, "0 a "}, {1, "1 a x"}, {2, "2 a xy"}}) {
+        IUnknown* objects[2] = {&x, &y};
+        ComPtr<IKyObjectCollection> c;
+        ASSERT_HR(S_OK, factory->CreateObjectCollection(&a, count, count ? objects : nullptr, &c));
+        objects[0] = &a;  // the caller may reuse its array at once
+        EXPECT_EQ(expected, Describe(c.Get()));  // no objects: an empty enumerator
+    }
+    // An enumerator is counted up to two from where it stands; no objects: no enumerator.
+    for (auto [client, expected] : {std::pair<ComPtr<IEnumUnknown>, std::string>{nullptr, "0 a -"}, {Client({}), "0 a -"},
+                                    {Client({&x}), "1 a x"}, {Client({&x, &y, &z}), "2 a xyz"}, {Client({&x, &y}, 1), "1 a y"}}) {
+        ComPtr<IKyObjectCollection> c;
+        control.requests.clear();
+        ASSERT_HR(S_OK, factory->ConvertEnumToObjectCollection(&a, client.Get(), &c));
+        EXPECT_EQ(client ? std::vector<ULONG>{2} : std::vector<ULONG>{}, control.requests);
+        EXPECT_EQ(expected, Describe(c.Get()));
+    }
+}
 
+TEST_F(ObjectCollections, BadArgumentsAndTheClientsFailuresComeBack) {
+    IUnknown* objects[2] = {&x, &y};
+    ComPtr<IEnumUnknown> client = Client({&x, &y});
     IKyObjectCollection* c = reinterpret_cast<IKyObjectCollection*>(1);
     EXPECT_HR(E_INVALIDARG, factory->CreateObjectCollection(&a, 2, nullptr, &c));
     EXPECT_EQ(nullptr, c);
     EXPECT_HR(E_INVALIDARG, factory->CreateObjectCollection(&a, 0, objects, &c));
     EXPECT_HR(E_INVALIDARG, factory->CreateObjectCollection(nullptr, 2, objects, &c));
     EXPECT_HR(E_POINTER, factory->CreateObjectCollection(&a, 2, objects, nullptr));
-    EXPECT_HR(E_POINTER, many->EnumObjects(nullptr));
-    EXPECT_HR(E_POINTER, many->get_Active(nullptr));
-    EXPECT_HR(E_POINTER, many->get_type(nullptr));
-}
-
-TEST_F(ObjectCollections, FromAnEnumeratorUpToTwoObjectsAreCountedFromWhereItStands) {
-    auto factory = Factory();
-    ComPtr<IKyObjectCollection> none, empty, one, many, rest;
-    ASSERT_HR(S_OK, factory->ConvertEnumToObjectCollection(&a, nullptr, &none));
-    ASSERT_HR(S_OK, factory->ConvertEnumToObjectCollection(&a, Client({}).Get(), &empty));
-    ASSERT_HR(S_OK, factory->ConvertEnumToObjectCollection(&a, Client({&x}).Get(), &one));
-    control.requests.clear();
-    ASSERT_HR(S_OK, factory->ConvertEnumToObjectCollection(&a, Client({&x, &y, &z, &x, &y}).Get(), &many));
-    EXPECT_EQ(std::vector<ULONG>({2}), control.requests);
-    EXPECT_EQ("none a -", Describe(none.Get()));  // unlike an empty array: no enumerator
-    EXPECT_EQ("none a -", Describe(empty.Get()));
-    EXPECT_EQ("single a x", Describe(one.Get()));
-    EXPECT_EQ("multiple a xyzxy", Describe(many.Get()));
-
-    // The client's own enumerator is not moved.
-    ComPtr<IEnumUnknown> client = Client({&x, &y, &z}, 2);
-    ASSERT_HR(S_OK, factory->ConvertEnumToObjectCollection(&a, client.Get(), &rest));
-    EXPECT_EQ("single a z", Describe(rest.Get()));
-    EXPECT_EQ("z", Drain(client.Get()));
-}
-
-TEST_F(ObjectCollections, FromAnEnumeratorTheClientsFailuresComeBack) {
-    auto factory = Factory();
-    ComPtr<IEnumUnknown> client = Client({&x, &y});
-    ComPtr<IKyObjectCollection> c;
     EXPECT_HR(E_INVALIDARG, factory->ConvertEnumToObjectCollection(nullptr, client.Get(), &c));
     EXPECT_HR(E_POINTER, factory->ConvertEnumToObjectCollection(&a, client.Get(), nullptr));
-    control.clones = {E_ACCESSDENIED};
-    EXPECT_HR(E_ACCESSDENIED, factory->ConvertEnumToObjectCollection(&a, client.Get(), &c));
-    control.clones = {S_FALSE};
-    EXPECT_HR(E_UNEXPECTED, factory->ConvertEnumToObjectCollection(&a, client.Get(), &c));
-    control.clones = {S_OK, E_NOTIMPL};  // counting succeeds, keeping a copy fails
-    EXPECT_HR(E_NOTIMPL, factory->ConvertEnumToObjectCollection(&a, client.Get(), &c));
-    control.nextResult = E_OUTOFMEMORY;
+    // The outcomes of the client's Clone calls: counting, then keeping a copy.
+    for (auto [clones, expected] : {std::pair<std::deque<HRESULT>, HRESULT>{{E_ACCESSDENIED}, E_ACCESSDENIED},
+                                    {{S_FALSE}, E_UNEXPECTED}, {{S_OK, E_NOTIMPL}, E_NOTIMPL}}) {
+        control.clones = clones;
+        EXPECT_HR(expected, factory->ConvertEnumToObjectCollection(&a, client.Get(), &c));
+    }
+    control.next = E_OUTOFMEMORY;
     EXPECT_HR(E_OUTOFMEMORY, factory->ConvertEnumToObjectCollection(&a, client.Get(), &c));
-    EXPECT_EQ(nullptr, c.Get());
-}
-
-TEST_F(ObjectCollections, EveryEnumeratorStartsAtTheFirstObject) {
-    IUnknown* objects[3] = {&x, &y, &z};
-    ComPtr<IKyObjectCollection> c;
-    ASSERT_HR(S_OK, Factory()->CreateObjectCollection(&a, 3, objects, &c));
-    ComPtr<IEnumUnknown> first, second;
-    ASSERT_HR(S_OK, c->EnumObjects(&first));
-    ASSERT_HR(S_OK, c->EnumObjects(&second));
-    EXPECT_EQ("xyz", Drain(first.Get()));
-    EXPECT_EQ("xyz", Drain(second.Get()));
+    EXPECT_EQ(nullptr, c);
 }
 
 TEST_F(ObjectCollections, ClonesFollowTheirPolicyAndKeepTheActiveObject) {
     IUnknown* objects[3] = {&x, &y, &z};
-    ComPtr<IKyObjectCollection> c, all, single, ignored;
-    ASSERT_HR(S_OK, Factory()->CreateObjectCollection(&a, 3, objects, &c));
-    ASSERT_HR(S_OK, c->Clone(KYOCCP_CLONEALL, &all));
-    ASSERT_HR(S_OK, c->Clone(KYOCCP_CONVERTTOSINGLEOBJECT, &single));
-    ASSERT_HR(S_OK, c->Clone(KYOCCP_IGNOREOBJECTS, &ignored));
-    EXPECT_EQ("multiple a xyz", Describe(all.Get()));
-    EXPECT_EQ("single a a", Describe(single.Get()));
-    EXPECT_EQ("none a -", Describe(ignored.Get()));
+    ComPtr<IKyObjectCollection> array, client, empty, clone;
+    ASSERT_HR(S_OK, factory->CreateObjectCollection(&a, 3, objects, &array));
+    ASSERT_HR(S_OK, factory->ConvertEnumToObjectCollection(&a, Client({&x, &y, &z}).Get(), &client));
+    ASSERT_HR(S_OK, factory->CreateObjectCollection(&a, 0, nullptr, &empty));
+    for (auto [from, policy, expected] : {std::tuple<IKyObjectCollection*, int, std::string>{array.Get(), KYOCCP_CLONEALL,
+         "2 a xyz"}, {array.Get(), KYOCCP_CONVERTTOSINGLEOBJECT, "1 a a"}, {array.Get(), KYOCCP_IGNOREOBJECTS, "0 a -"},
+         {client.Get(), KYOCCP_CLONEALL, "2 a xyz"}, {empty.Get(), KYOCCP_CLONEALL, "0 a -"}}) {
+        ASSERT_HR(S_OK, from->Clone(KYOBJECTCOLLECTIONCLONEPOLICY(policy), &clone));
+        EXPECT_EQ(expected, Describe(clone.Get()));
+    }
     IKyObjectCollection* bad = reinterpret_cast<IKyObjectCollection*>(1);
-    EXPECT_HR(E_INVALIDARG, c->Clone(static_cast<KYOBJECTCOLLECTIONCLONEPOLICY>(3), &bad));
+    EXPECT_HR(E_INVALIDARG, array->Clone(KYOBJECTCOLLECTIONCLONEPOLICY(3), &bad));
     EXPECT_EQ(nullptr, bad);
-    EXPECT_HR(E_POINTER, c->Clone(KYOCCP_CLONEALL, nullptr));
-
-    // Cloning all of an enumerator collection does not count again: the type is known.
-    ComPtr<IKyObjectCollection> fromClient, allOfClient, none, allOfNone;
-    ASSERT_HR(S_OK, Factory()->ConvertEnumToObjectCollection(&a, Client({&x, &y, &z}).Get(), &fromClient));
-    control.requests.clear();
-    ASSERT_HR(S_OK, fromClient->Clone(KYOCCP_CLONEALL, &allOfClient));
-    EXPECT_TRUE(control.requests.empty());
-    EXPECT_EQ("multiple a xyz", Describe(allOfClient.Get()));
-    // A collection without objects clones to one without an enumerator.
-    ASSERT_HR(S_OK, Factory()->CreateObjectCollection(&a, 0, nullptr, &none));
-    ASSERT_HR(S_OK, none->Clone(KYOCCP_CLONEALL, &allOfNone));
-    EXPECT_EQ("none a -", Describe(allOfNone.Get()));
 }
 
 }  // namespace

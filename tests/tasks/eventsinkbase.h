@@ -17,14 +17,9 @@ public:
     HRESULT QueryOther(REFIID riid, void** ppv) {
         if (!IsEqualIID(riid, DIID__IKyTasksEvents)) return E_NOINTERFACE;
         *ppv = static_cast<IDispatch*>(this);
-        this->AddRef();
-        return S_OK;
+        return this->AddRef(), S_OK;
     }
-    STDMETHODIMP GetTypeInfoCount(UINT* count) override {
-        if (!count) return E_POINTER;
-        *count = 0;
-        return S_OK;
-    }
+    STDMETHODIMP GetTypeInfoCount(UINT* count) override { return count ? (*count = 0, S_OK) : E_POINTER; }
     STDMETHODIMP GetTypeInfo(UINT, LCID, ITypeInfo**) override { return E_NOTIMPL; }
     STDMETHODIMP GetIDsOfNames(REFIID, LPOLESTR*, UINT, LCID, DISPID*) override { return E_NOTIMPL; }
 };
