@@ -19,14 +19,15 @@ struct Control {
     std::vector<ULONG> requests;
 };
 
-class ItemEnum : public IEnumUnknown {
+class ItemEnum final : public IEnumUnknown {
 public:
     ItemEnum(Items items, Control* control, size_t at) : m_items(std::move(items)), m_control(control), m_at(at) {}
     STDMETHODIMP QueryInterface(REFIID, void** ppv) override { return *ppv = this, AddRef(), S_OK; }
     STDMETHODIMP_(ULONG) AddRef() override { return ++m_refs; }
     STDMETHODIMP_(ULONG) Release() override {
-        if (--m_refs == 0) delete this;
-        return m_refs;
+        const ULONG left = --m_refs;
+        if (left == 0) delete this;
+        return left;
     }
     STDMETHODIMP Next(ULONG celt, IUnknown** rgelt, ULONG* fetched) override {
         m_control->requests.push_back(celt);
