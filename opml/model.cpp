@@ -20,11 +20,6 @@ bool SameText(const std::wstring& stored, const wchar_t* text, UINT length) {
     return stored.size() == length && (length == 0 || wmemcmp(stored.data(), text, length) == 0);
 }
 
-HRESULT CopyOut(const std::wstring& stored, BSTR* target) {
-    *target = ::SysAllocStringLen(stored.data(), static_cast<UINT>(stored.size()));
-    return *target ? S_OK : E_OUTOFMEMORY;
-}
-
 // Copies outside the lock, then swaps in under it.
 HRESULT Store(com::CriticalSection& lock, std::wstring& target, const wchar_t* text, UINT length) {
     return com::Guard([&] {
@@ -42,7 +37,7 @@ HRESULT Store(com::CriticalSection& lock, std::wstring& target, const wchar_t* t
 STDMETHODIMP CCoAttribute::get_Name(BSTR* pbstrName) {
     if (!pbstrName) return E_POINTER;
     com::Lock lock(m_lock);
-    return CopyOut(m_name, pbstrName);
+    return CopyText(m_name, pbstrName);
 }
 
 STDMETHODIMP CCoAttribute::put_Name(BSTR bstrName) { return SetName(bstrName); }
@@ -50,7 +45,7 @@ STDMETHODIMP CCoAttribute::put_Name(BSTR bstrName) { return SetName(bstrName); }
 STDMETHODIMP CCoAttribute::get_Value(BSTR* pbstrValue) {
     if (!pbstrValue) return E_POINTER;
     com::Lock lock(m_lock);
-    return CopyOut(m_value, pbstrValue);
+    return CopyText(m_value, pbstrValue);
 }
 
 STDMETHODIMP CCoAttribute::put_Value(BSTR bstrValue) { return SetValue(bstrValue, ::SysStringLen(bstrValue)); }

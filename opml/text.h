@@ -4,6 +4,8 @@
 #include <windows.h>
 #include <oleauto.h>
 
+#include <string>
+
 #include "com/raii.h"
 
 namespace OPML {
@@ -12,6 +14,11 @@ namespace OPML {
 // one for a value never set, so that C++ callers need no null check.
 inline HRESULT CopyText(const com::Bstr& source, BSTR* target) {
     *target = source.IsNull() ? ::SysAllocStringLen(nullptr, 0) : ::SysAllocStringLen(source, source.Length());
+    return *target ? S_OK : E_OUTOFMEMORY;
+}
+
+inline HRESULT CopyText(const std::wstring& source, BSTR* target) {
+    *target = ::SysAllocStringLen(source.data(), static_cast<UINT>(source.size()));
     return *target ? S_OK : E_OUTOFMEMORY;
 }
 
