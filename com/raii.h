@@ -6,6 +6,7 @@
 #include <oleauto.h>
 
 #include <atomic>
+#include <iterator>
 #include <utility>
 
 namespace com {
@@ -136,10 +137,28 @@ private:
     HANDLE m_handle = nullptr;
 };
 
-// A re-entrant lock, one per object. Built on a slim reader/writer lock: it
-// needs no kernel object and nothing to delete, where deleting a Win32
+namespace detail {
+
+// Where threads wait for a CriticalSection that another thread holds: a
+// small table shared by every lock and picked by the lock's address, so that
+// a lock itself is a few words and needs no kernel object. A waiter woken
+// for a neighbour in the same slot only checks its own lock again.
+struct WaitSlot {
+    SRWLOCK lock = SRWLOCK_INIT;
+    CONDITION_VARIABLE ready = CONDITION_VARIABLE_INIT;
+};
+inline WaitSlot g_waitSlots[64];
+inline WaitSlot& WaitSlotOf(const void* lock) {
+    return g_waitSlots[(reinterpret_cast<UINT_PTR>(lock) / alignof(LONG)) % std::size(g_waitSlots)];
+}
+
+}  // namespace detail
+
+// A re-entrant lock, one per object. Taking and leaving a free lock is one
+// atomic operation each, with nothing to create or delete: deleting a Win32
 // critical section costs a call into the system (under Wine a round trip to
-// its server), which made releasing a large model take seconds.
+// its server), and leaving a slim reader/writer lock under Wine always wakes
+// through the system, which made loading and releasing large models slow.
 class CriticalSection {
 public:
     CriticalSection() = default;
@@ -153,19 +172,47 @@ public:
             ++m_depth;
             return;
         }
-        ::AcquireSRWLockExclusive(&m_lock);
+        LONG free = kFree;
+        if (!m_state.compare_exchange_strong(free, kHeld, std::memory_order_acquire)) Wait();
         m_owner.store(self, std::memory_order_relaxed);
         m_depth = 1;
     }
     void Leave() {
         if (--m_depth == 0) {
             m_owner.store(0, std::memory_order_relaxed);
-            ::ReleaseSRWLockExclusive(&m_lock);
+            if (m_state.exchange(kFree, std::memory_order_release) == kContended) Wake();
         }
     }
 
 private:
-    SRWLOCK m_lock = SRWLOCK_INIT;
+    // Free, held, or held with threads (perhaps) waiting for it.
+    enum : LONG { kFree, kHeld, kContended };
+
+    void Wait() {
+        for (int spin = 0; spin < 64; ++spin) {
+            LONG free = kFree;
+            if (m_state.load(std::memory_order_relaxed) == kFree &&
+                m_state.compare_exchange_weak(free, kHeld, std::memory_order_acquire))
+                return;
+            YieldProcessor();
+        }
+        // Marked contended before sleeping, under the slot's lock: the
+        // holder's Wake takes that lock too, so it cannot slip in between
+        // the mark and the sleep.
+        detail::WaitSlot& slot = detail::WaitSlotOf(this);
+        ::AcquireSRWLockExclusive(&slot.lock);
+        while (m_state.exchange(kContended, std::memory_order_acquire) != kFree)
+            ::SleepConditionVariableSRW(&slot.ready, &slot.lock, INFINITE, 0);
+        ::ReleaseSRWLockExclusive(&slot.lock);
+    }
+    void Wake() {
+        detail::WaitSlot& slot = detail::WaitSlotOf(this);
+        ::AcquireSRWLockExclusive(&slot.lock);
+        ::WakeAllConditionVariable(&slot.ready);
+        ::ReleaseSRWLockExclusive(&slot.lock);
+    }
+
+    std::atomic<LONG> m_state{kFree};
     std::atomic<DWORD> m_owner{0};
     DWORD m_depth = 0;
 };

@@ -3,6 +3,9 @@
 // the DLL's own classes are tested through the DLL in the server's tests.)
 #include <wrl/client.h>
 
+#include <thread>
+#include <vector>
+
 #include "kytest.h"
 #include "testobjects.h"
 
@@ -77,6 +80,24 @@ TEST(SingletonFactory, MakesTheOneObjectOnceAndRemembersAFailure) {
         EXPECT_EQ(a.Get(), b.Get());
         EXPECT_EQ(1, Widget::s_constructed);
     }
+}
+
+// Threads that meet on one lock, each entering it twice over: every
+// increment of the plain counter happens under it, none is lost.
+TEST(CriticalSection, ExcludesOtherThreadsAndLetsItsHolderReenter) {
+    com::CriticalSection section;
+    long counter = 0;
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t)
+        threads.emplace_back([&] {
+            for (int i = 0; i < 200000; ++i) {
+                com::Lock outer(section);
+                com::Lock inner(section);
+                counter = counter + 1;
+            }
+        });
+    for (auto& thread : threads) thread.join();
+    EXPECT_EQ(800000, counter);
 }
 
 }  // namespace
