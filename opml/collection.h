@@ -156,10 +156,11 @@ public:
 
     void FinalRelease() { ReleaseAll(m_items); }
 
-    // The elements as they stand, each with a reference of its own.
-    std::vector<com::ComPtr<Element>> Snapshot() {
+    // Replaces `items` by the elements as they stand, each with a reference
+    // of its own (the vector's room is reused).
+    void Snapshot(std::vector<com::ComPtr<Element>>& items) {
         com::Lock lock(m_lock);
-        return m_items;
+        items = m_items;
     }
 
     // Calls `visit(element)` for each element, under the collection's lock:

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <climits>
+#include <cstdint>
+#include <cstring>
 #include <vector>
 
 #include "com/guard.h"
@@ -17,65 +19,79 @@ using com::ThrowIfFailed;
 constexpr char kTabs[] = "\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t";
 constexpr unsigned kMaxTabsPerWrite = sizeof kTabs - 1;
 
-// Appends UTF-16 text as UTF-8; unpaired surrogates become U+FFFD, as the
-// system's conversion makes them.
-void AppendUtf8(std::string& out, const wchar_t* text, size_t length) {
-    if (length == 0) return;
-    // Up to three bytes per UTF-16 unit must fit the conversion's int.
-    if (length > INT_MAX / 3) ThrowIfFailed(E_UNEXPECTED);
-    const int size = ::WideCharToMultiByte(CP_UTF8, 0, text, static_cast<int>(length), nullptr, 0, nullptr, nullptr);
-    if (size <= 0) ThrowIfFailed(E_UNEXPECTED);
-    const size_t at = out.size();
-    out.resize(at + static_cast<size_t>(size));
-    ::WideCharToMultiByte(CP_UTF8, 0, text, static_cast<int>(length), &out[at], size, nullptr, nullptr);
-}
+// The most bytes one UTF-16 unit takes once escaped ("&quot;").
+constexpr size_t kMaxEscapedBytes = 6;
 
-// Appends UTF-16 text as UTF-8 escaped for XML: &, < and > always; " and '
-// only as attribute text, so quotes stay as they are in element text. TAB,
-// LF and CR are written as character references where a reader would
-// otherwise change them: CR everywhere (readers turn CR LF into LF), TAB and
-// LF in attributes (readers turn them into blanks). The other control
-// characters cannot appear in XML 1.0 at all, not even as references, and
-// are left out. ASCII is copied as it goes; each run of other characters is
-// converted in one call, so surrogate pairs stay together.
-void AppendEscaped(std::string& out, const wchar_t* text, size_t length, bool attribute) {
-    // ASCII goes through a small buffer, appended a block at a time.
-    char buffer[256];
-    size_t used = 0;
-    const wchar_t* end = text + length;
-    for (const wchar_t* p = text; p < end;) {
-        if (used > sizeof buffer - 8) {
-            out.append(buffer, used);
-            used = 0;
-        }
-        if (*p >= 0x80) {
-            out.append(buffer, used);
-            used = 0;
-            const wchar_t* run = p;
-            while (p < end && *p >= 0x80) ++p;
-            AppendUtf8(out, run, static_cast<size_t>(p - run));
+// UTF-16 text as UTF-8 at `out`, at most three bytes a unit; returns the
+// end. Unpaired surrogates become U+FFFD, as the system's conversion makes
+// them.
+char* EncodeUtf8(char* out, const wchar_t* text, const wchar_t* end) {
+    while (text < end) {
+        unsigned c = *text++;
+        if (c < 0x80) {
+            *out++ = static_cast<char>(c);
             continue;
         }
-        const char c = static_cast<char>(*p++);
+        if (c < 0x800) {
+            *out++ = static_cast<char>(0xC0 | (c >> 6));
+            *out++ = static_cast<char>(0x80 | (c & 0x3F));
+            continue;
+        }
+        if (c >= 0xD800 && c <= 0xDFFF) {
+            if (c <= 0xDBFF && text < end && *text >= 0xDC00 && *text <= 0xDFFF) {
+                const unsigned point = 0x10000 + ((c - 0xD800) << 10) + (*text++ - 0xDC00);
+                *out++ = static_cast<char>(0xF0 | (point >> 18));
+                *out++ = static_cast<char>(0x80 | ((point >> 12) & 0x3F));
+                *out++ = static_cast<char>(0x80 | ((point >> 6) & 0x3F));
+                *out++ = static_cast<char>(0x80 | (point & 0x3F));
+                continue;
+            }
+            c = 0xFFFD;
+        }
+        *out++ = static_cast<char>(0xE0 | (c >> 12));
+        *out++ = static_cast<char>(0x80 | ((c >> 6) & 0x3F));
+        *out++ = static_cast<char>(0x80 | (c & 0x3F));
+    }
+    return out;
+}
+
+// UTF-16 text as UTF-8 escaped for XML at `out`, at most kMaxEscapedBytes a
+// unit; returns the end. &, < and > always; " and ' only as attribute text,
+// so quotes stay as they are in element text. TAB, LF and CR are written as
+// character references where a reader would otherwise change them: CR
+// everywhere (readers turn CR LF into LF), TAB and LF in attributes (readers
+// turn them into blanks). The other control characters cannot appear in XML
+// 1.0 at all, not even as references, and are left out.
+char* EncodeEscaped(char* out, const wchar_t* text, const wchar_t* end, bool attribute) {
+    while (text < end) {
+        const wchar_t c = *text;
+        if (c >= 0x80) {
+            // A whole run at once, so that surrogate pairs stay together.
+            const wchar_t* run = text;
+            while (text < end && *text >= 0x80) ++text;
+            out = EncodeUtf8(out, run, text);
+            continue;
+        }
+        ++text;
         const char* replacement = nullptr;
         switch (c) {
-            case '&': replacement = "&amp;"; break;
-            case '<': replacement = "&lt;"; break;
-            case '>': replacement = "&gt;"; break;
-            case '"': replacement = attribute ? "&quot;" : nullptr; break;
-            case '\'': replacement = attribute ? "&apos;" : nullptr; break;
-            case '\t': replacement = attribute ? "&#9;" : nullptr; break;
-            case '\n': replacement = attribute ? "&#10;" : nullptr; break;
-            case '\r': replacement = "&#13;"; break;
-            default: replacement = static_cast<unsigned char>(c) < 0x20 ? "" : nullptr; break;
+            case L'&': replacement = "&amp;"; break;
+            case L'<': replacement = "&lt;"; break;
+            case L'>': replacement = "&gt;"; break;
+            case L'"': replacement = attribute ? "&quot;" : nullptr; break;
+            case L'\'': replacement = attribute ? "&apos;" : nullptr; break;
+            case L'\t': replacement = attribute ? "&#9;" : nullptr; break;
+            case L'\n': replacement = attribute ? "&#10;" : nullptr; break;
+            case L'\r': replacement = "&#13;"; break;
+            default: replacement = c < 0x20 ? "" : nullptr; break;
         }
         if (!replacement) {
-            buffer[used++] = c;
+            *out++ = static_cast<char>(c);
         } else {
-            while (*replacement) buffer[used++] = *replacement++;
+            while (*replacement) *out++ = *replacement++;
         }
     }
-    out.append(buffer, used);
+    return out;
 }
 
 void WriteString(CXmlTextWriter& out, const char* name, IOPMLHeader* header,
@@ -160,31 +176,35 @@ void WriteAttributes(CXmlTextWriter& out, CCoOutline* outline) {
 void WriteOutlines(CXmlTextWriter& out, COutlines* outlines) {
     struct Level {
         std::vector<com::ComPtr<CCoOutline>> outlines;
-        size_t next;
+        size_t next = 0;
     };
+    // Levels below `depth` are in use; those above keep their room for the
+    // next time the tree goes that deep.
     const unsigned base = out.Depth();
-    std::vector<Level> levels;
-    levels.push_back({outlines->Snapshot(), 0});
-    while (!levels.empty()) {
-        Level& level = levels.back();
+    std::vector<Level> levels(1);
+    size_t depth = 1;
+    outlines->Snapshot(levels[0].outlines);
+    while (depth > 0) {
+        Level& level = levels[depth - 1];
         if (level.next == level.outlines.size()) {
             // The outline that owns this level is closed one level up.
-            levels.pop_back();
-            if (levels.empty()) break;
-            out.SetDepth(base + static_cast<unsigned>(levels.size()) - 1);
+            level.outlines.clear();
+            if (--depth == 0) break;
+            out.SetDepth(base + static_cast<unsigned>(depth) - 1);
             ThrowIfFailed(out.Line("</outline>"));
             continue;
         }
-        com::ComPtr<CCoOutline> outline = level.outlines[level.next++];
-        out.SetDepth(base + static_cast<unsigned>(levels.size()) - 1);
+        CCoOutline* outline = level.outlines[level.next++].Get();
+        out.SetDepth(base + static_cast<unsigned>(depth) - 1);
         ThrowIfFailed(out.Indent());
         ThrowIfFailed(out.Raw("<outline"));
-        WriteAttributes(out, outline.Get());
-        COutlines* children = outline->ExistingChildren();
-        std::vector<com::ComPtr<CCoOutline>> below;
-        if (children) below = children->Snapshot();
-        ThrowIfFailed(out.Raw(below.empty() ? "/>" : ">", true));
-        if (!below.empty()) levels.push_back({std::move(below), 0});
+        WriteAttributes(out, outline);
+        if (depth == levels.size()) levels.emplace_back();
+        Level& below = levels[depth];
+        below.next = 0;
+        if (COutlines* children = outline->ExistingChildren()) children->Snapshot(below.outlines);
+        ThrowIfFailed(out.Raw(below.outlines.empty() ? "/>" : ">", true));
+        if (!below.outlines.empty()) ++depth;
     }
     out.SetDepth(base);
 }
@@ -193,6 +213,18 @@ void WriteOutlines(CXmlTextWriter& out, COutlines* outlines) {
 
 CXmlTextWriter::CXmlTextWriter(IStream* target, const char* lineEnd, bool indent)
     : m_target(target), m_lineEnd(lineEnd), m_indent(indent) {}
+
+char* CXmlTextWriter::Pending::Room(size_t used, size_t count) {
+    if (count > SIZE_MAX - used) ThrowIfFailed(E_OUTOFMEMORY);
+    // Grown, never shrunk: most writes fit in what earlier ones needed.
+    if (used + count > m_bytes.size()) m_bytes.resize(std::max(used + count, 2 * m_bytes.size()));
+    return m_bytes.data() + used;
+}
+
+size_t CXmlTextWriter::Put(size_t used, const char* bytes, size_t count) {
+    if (count) std::memcpy(m_pending.Room(used, count), bytes, count);
+    return used + count;
+}
 
 HRESULT CXmlTextWriter::Send(const char* bytes, size_t count) {
     if (count == 0) return S_OK;
@@ -221,46 +253,56 @@ HRESULT CXmlTextWriter::Line(const char* tag) {
 }
 
 HRESULT CXmlTextWriter::Raw(const char* bytes, bool lineEnd) {
-    m_out.assign(bytes);
-    if (lineEnd) m_out += m_lineEnd;
-    return Send(m_out.data(), m_out.size());
+    if (!lineEnd) return Send(bytes, std::strlen(bytes));
+    return com::Guard([&] { return SendPending(PutLineEnd(Put(0, bytes, std::strlen(bytes)))); });
 }
 
-HRESULT CXmlTextWriter::TextElement(const char* name, const std::string& utf8) {
+size_t CXmlTextWriter::PutText(size_t used, const wchar_t* text, size_t length, Form form) {
+    // A piece at a time, so that the room asked for stays close to what the
+    // text takes, however long it is.
+    constexpr size_t kPiece = 4096;
+    while (length > 0) {
+        size_t count = std::min(length, kPiece);
+        if (count < length && IS_HIGH_SURROGATE(text[count - 1])) ++count;  // pairs stay together
+        char* const start = m_pending.Room(used, count * kMaxEscapedBytes);
+        char* const end = form == Form::Plain ? EncodeUtf8(start, text, text + count)
+                                              : EncodeEscaped(start, text, text + count, form == Form::Attribute);
+        used += static_cast<size_t>(end - start);
+        text += count;
+        length -= count;
+    }
+    return used;
+}
+
+HRESULT CXmlTextWriter::TextElement(const char* name, const char* utf8, const wchar_t* text, size_t length) {
     HRESULT hr = Indent();
     if (FAILED(hr)) return hr;
-    m_out.assign(1, '<').append(name).append(1, '>').append(utf8);
-    m_out.append("</").append(name).append(1, '>').append(m_lineEnd);
-    return Send(m_out.data(), m_out.size());
-}
-
-HRESULT CXmlTextWriter::TextElement(const char* name, const wchar_t* text, UINT length) {
     return com::Guard([&] {
-        m_escaped.clear();
-        AppendEscaped(m_escaped, text, length, false);
-        return TextElement(name, m_escaped);
+        const size_t nameLength = std::strlen(name);
+        size_t used = Put(Put(Put(0, "<", 1), name, nameLength), ">", 1);
+        used = utf8 ? Put(used, utf8, std::strlen(utf8)) : PutText(used, text, length, Form::Text);
+        used = Put(Put(Put(used, "</", 2), name, nameLength), ">", 1);
+        return SendPending(PutLineEnd(used));
     });
 }
 
 void CXmlTextWriter::ClearFormatted() {
-    m_formatted.clear();
+    m_formatted = 0;
     m_ends.clear();
 }
 
 void CXmlTextWriter::FormatAttribute(const wchar_t* name, size_t nameLength, const wchar_t* value,
                                      size_t valueLength) {
-    m_formatted.append(1, ' ');
-    AppendUtf8(m_formatted, name, nameLength);
-    m_formatted.append("=\"");
-    AppendEscaped(m_formatted, value, valueLength, true);
-    m_formatted.append(1, '"');
-    m_ends.push_back(m_formatted.size());
+    size_t used = PutText(Put(m_formatted, " ", 1), name, nameLength, Form::Plain);
+    used = PutText(Put(used, "=\"", 2), value, valueLength, Form::Attribute);
+    m_ends.push_back(Put(used, "\"", 1));
+    m_formatted = m_ends.back();
 }
 
 HRESULT CXmlTextWriter::SendFormatted() {
     size_t start = 0;
     for (size_t end : m_ends) {
-        HRESULT hr = Send(m_formatted.data() + start, end - start);
+        HRESULT hr = Send(m_pending.Data() + start, end - start);
         if (FAILED(hr)) return hr;
         start = end;
     }

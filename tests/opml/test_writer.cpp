@@ -41,20 +41,22 @@ TEST(Writer, HeaderElementsComeInOrderAndUnsetOnesAreLeftOut) {
 // Quotes are escaped in attributes only. TAB and LF stay in text; CR becomes
 // a reference there (readers would drop it from CR LF); in attributes all
 // three become references (readers would turn them into blanks). Other
-// control characters cannot be written in XML 1.0 and are dropped. Outlines
-// without sub-items close on their line; others nest one TAB per level.
+// control characters cannot be written in XML 1.0 and are dropped, and
+// unpaired surrogates become U+FFFD. Outlines without sub-items close on
+// their line; others nest one TAB per level.
 TEST(Writer, TextAndAttributesAreEscapedDifferentlyAndOutlinesNest) {
     ComPtr<IOPMLDocument> document = NewDocument();
-    const wchar_t* special = L"a&b<c>d\"e'f\u00E9\u4E2D\U0001F600\t|\n|\r\n|\x01\x1F|";
+    const wchar_t* special = L"a&b<c>d\"e'f\u00E9\u4E2D\U0001F600\t|\n|\r\n|\x01\x1F|\xD800|\xDC00";
     EXPECT_HR(S_OK, HeaderOf(document.Get())->put_Title(com::Bstr(special)));
     ComPtr<IOPMLOutline> top = AddOutline(BodyOf(document.Get()).Get(), special);
     AddAttribute(top.Get(), L"n\u00E9", L"\x02");
     AddOutline(SubItemsOf(AddOutline(SubItemsOf(top.Get()).Get(), L"1").Get()).Get(), L"2");
     ComPtr<IOPMLOutline> bare;
     ASSERT_HR(S_OK, BodyOf(document.Get())->AddNew(&bare));
-    EXPECT_EQ(Image("\t\t<title>a&amp;b&lt;c&gt;d\"e'f\xC3\xA9\xE4\xB8\xAD\xF0\x9F\x98\x80\t|\n|&#13;\n||</title>\r\n",
+    EXPECT_EQ(Image("\t\t<title>a&amp;b&lt;c&gt;d\"e'f\xC3\xA9\xE4\xB8\xAD\xF0\x9F\x98\x80\t|\n|&#13;\n||"
+                    "\xEF\xBF\xBD|\xEF\xBF\xBD</title>\r\n",
                     "\t<body>\r\n\t\t<outline text=\"a&amp;b&lt;c&gt;d&quot;e&apos;f\xC3\xA9\xE4\xB8\xAD\xF0\x9F\x98\x80"
-                    "&#9;|&#10;|&#13;&#10;||\" n\xC3\xA9=\"\">\r\n\t\t\t<outline text=\"1\">\r\n"
+                    "&#9;|&#10;|&#13;&#10;||\xEF\xBF\xBD|\xEF\xBF\xBD\" n\xC3\xA9=\"\">\r\n\t\t\t<outline text=\"1\">\r\n"
                     "\t\t\t\t<outline text=\"2\"/>\r\n\t\t\t</outline>\r\n\t\t</outline>\r\n"
                     "\t\t<outline/>\r\n\t</body>\r\n</opml>\r\n"),
               Saved(document.Get()));
