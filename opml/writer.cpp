@@ -169,6 +169,17 @@ void WriteAttributes(CXmlTextWriter& out, CCoOutline* outline) {
     ThrowIfFailed(out.SendFormatted());
 }
 
+// The reader makes a document's objects in document order, the order in
+// which they are written, and most of a large save is spent waiting for
+// them to come from memory: asking for the memory a little past the outline
+// being written brings in the next outlines' objects early. (A prefetch
+// never faults, wherever the address lies.)
+void PrefetchAhead(const CCoOutline* outline) {
+    constexpr size_t kAhead = 2048, kWindow = 2048, kLine = 64;
+    const char* const at = reinterpret_cast<const char*>(outline) + kAhead;
+    for (size_t offset = 0; offset < kWindow; offset += kLine) __builtin_prefetch(at + offset);
+}
+
 // The outlines of `outlines`, depth first, from the writer's depth on. A
 // stack of the collections being written stands in for one call per level,
 // so that a tree of any depth the model holds can be written. Each level
@@ -195,6 +206,7 @@ void WriteOutlines(CXmlTextWriter& out, COutlines* outlines) {
             continue;
         }
         CCoOutline* outline = level.outlines[level.next++].Get();
+        PrefetchAhead(outline);
         out.SetDepth(base + static_cast<unsigned>(depth) - 1);
         ThrowIfFailed(out.Indent());
         ThrowIfFailed(out.Raw("<outline"));
