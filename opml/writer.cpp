@@ -55,6 +55,20 @@ char* EncodeUtf8(char* out, const wchar_t* text, const wchar_t* end) {
     return out;
 }
 
+// Which ASCII characters go out as they are: bit c of kPlain[attribute].
+struct PlainSet {
+    std::uint64_t low, high;  // characters 0-63 and 64-127
+    bool Has(wchar_t c) const { return ((c < 64 ? low >> c : high >> (c - 64)) & 1) != 0; }
+};
+constexpr std::uint64_t kControls = 0xFFFFFFFFull;  // 0-31
+constexpr std::uint64_t Bit(int c) { return 1ull << (c % 64); }
+constexpr PlainSet kPlain[2] = {
+    // Element text: TAB, LF and printable ASCII but & < >.
+    {(~kControls & ~Bit('&') & ~Bit('<') & ~Bit('>')) | Bit('\t') | Bit('\n'), ~0ull},
+    // Attribute text: printable ASCII but & < > " '.
+    {~kControls & ~Bit('&') & ~Bit('<') & ~Bit('>') & ~Bit('"') & ~Bit('\''), ~0ull},
+};
+
 // UTF-16 text as UTF-8 escaped for XML at `out`, at most kMaxEscapedBytes a
 // unit; returns the end. &, < and > always; " and ' only as attribute text,
 // so quotes stay as they are in element text. TAB, LF and CR are written as
@@ -63,6 +77,7 @@ char* EncodeUtf8(char* out, const wchar_t* text, const wchar_t* end) {
 // turn them into blanks). The other control characters cannot appear in XML
 // 1.0 at all, not even as references, and are left out.
 char* EncodeEscaped(char* out, const wchar_t* text, const wchar_t* end, bool attribute) {
+    const PlainSet& plain = kPlain[attribute];
     while (text < end) {
         const wchar_t c = *text;
         if (c >= 0x80) {
@@ -73,23 +88,22 @@ char* EncodeEscaped(char* out, const wchar_t* text, const wchar_t* end, bool att
             continue;
         }
         ++text;
-        const char* replacement = nullptr;
+        if (plain.Has(c)) {
+            *out++ = static_cast<char>(c);
+            continue;
+        }
+        const char* replacement = "";  // other control characters
         switch (c) {
             case L'&': replacement = "&amp;"; break;
             case L'<': replacement = "&lt;"; break;
             case L'>': replacement = "&gt;"; break;
-            case L'"': replacement = attribute ? "&quot;" : nullptr; break;
-            case L'\'': replacement = attribute ? "&apos;" : nullptr; break;
-            case L'\t': replacement = attribute ? "&#9;" : nullptr; break;
-            case L'\n': replacement = attribute ? "&#10;" : nullptr; break;
+            case L'"': replacement = "&quot;"; break;
+            case L'\'': replacement = "&apos;"; break;
+            case L'\t': replacement = "&#9;"; break;
+            case L'\n': replacement = "&#10;"; break;
             case L'\r': replacement = "&#13;"; break;
-            default: replacement = c < 0x20 ? "" : nullptr; break;
         }
-        if (!replacement) {
-            *out++ = static_cast<char>(c);
-        } else {
-            while (*replacement) *out++ = *replacement++;
-        }
+        while (*replacement) *out++ = *replacement++;
     }
     return out;
 }
