@@ -240,10 +240,9 @@ void WriteOutlines(CXmlTextWriter& out, COutlines* outlines) {
 CXmlTextWriter::CXmlTextWriter(IStream* target, const char* lineEnd, bool indent)
     : m_target(target), m_lineEnd(lineEnd), m_indent(indent) {}
 
-char* CXmlTextWriter::Pending::Room(size_t used, size_t count) {
+char* CXmlTextWriter::Pending::Grow(size_t used, size_t count) {
     if (count > SIZE_MAX - used) ThrowIfFailed(E_OUTOFMEMORY);
-    // Grown, never shrunk: most writes fit in what earlier ones needed.
-    if (used + count > m_bytes.size()) m_bytes.resize(std::max(used + count, 2 * m_bytes.size()));
+    m_bytes.resize(std::max(used + count, 2 * m_bytes.size()));
     return m_bytes.data() + used;
 }
 

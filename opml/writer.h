@@ -53,10 +53,16 @@ private:
     // throws when there is no memory for them).
     class Pending {
     public:
-        char* Room(size_t used, size_t count);
+        char* Room(size_t used, size_t count) {
+            // Grown, never shrunk: most writes fit in what earlier ones needed.
+            return used <= m_bytes.size() && count <= m_bytes.size() - used ? m_bytes.data() + used
+                                                                              : Grow(used, count);
+        }
         const char* Data() const { return m_bytes.data(); }
 
     private:
+        char* Grow(size_t used, size_t count);
+
         std::vector<char> m_bytes;
     };
 
