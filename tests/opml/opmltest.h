@@ -80,7 +80,9 @@ inline HRESULT LoadText(IOPMLDocument* document, const std::wstring& text) { ret
 inline ComPtr<IOPMLOutline> AddOutline(IOPMLOutlines* outlines, const wchar_t* text = nullptr) {
     ComPtr<IOPMLOutline> outline;
     EXPECT_HR(S_OK, outlines->AddNew(&outline));
-    if (outline && text) EXPECT_HR(S_OK, outline->put_Text(com::Bstr(text)));
+    if (outline && text) {
+        EXPECT_HR(S_OK, outline->put_Text(com::Bstr(text)));
+    }
     return outline;
 }
 inline void AddAttribute(IOPMLOutline* outline, const std::wstring& name, const std::wstring& value) {
