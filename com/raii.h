@@ -142,7 +142,9 @@ namespace detail {
 // Where threads wait for a CriticalSection that another thread holds: a
 // small table shared by every lock and picked by the lock's address, so that
 // a lock itself is a few words and needs no kernel object. A waiter woken
-// for a neighbour in the same slot only checks its own lock again.
+// for a neighbour in the same slot only checks its own lock again. Each
+// module has its own table, so a lock must be taken only by code of the
+// module that holds the object (as every object's own methods are).
 struct WaitSlot {
     SRWLOCK lock = SRWLOCK_INIT;
     CONDITION_VARIABLE ready = CONDITION_VARIABLE_INIT;
