@@ -4,6 +4,7 @@
 #include <string>
 
 #include "classtable.h"
+#include "com/raii.h"
 #include "kytest.h"
 
 namespace ky::test {
@@ -77,14 +78,32 @@ TEST_F(Registration, RegistersTheClassesTheTypeLibraryAndTheProxyStubAndRemovesT
 }
 
 // The maintenance verbs, run the way users run them: rundll32 in a process
-// of its own, its output read from a pipe, its effects checked afterwards.
+// of its own, its output going to a file, its effects checked afterwards.
+// Not a pipe read to its end: under Wine, rundll32 may start the desktop
+// process, which inherits the pipe and keeps it open for good.
 // The exit code and the output (errors included) of one run.
 std::pair<DWORD, std::string> RunVerb(const std::wstring& arguments) {
-    FILE* pipe = ::_wpopen((L"rundll32.exe " + DllPath() + L",DoVerbW " + arguments + L" 2>&1").c_str(), L"rb");
     std::pair<DWORD, std::string> result{0xFFFFFFFF, ""};
+    wchar_t folder[MAX_PATH + 1], name[MAX_PATH + 1];
+    if (!::GetTempPathW(MAX_PATH + 1, folder) || !::GetTempFileNameW(folder, L"kyv", 0, name)) return result;
+    SECURITY_ATTRIBUTES inherited = {sizeof inherited, nullptr, TRUE};
+    com::Handle output(::CreateFileW(name, GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE |
+                                     FILE_SHARE_DELETE, &inherited, CREATE_ALWAYS, FILE_FLAG_DELETE_ON_CLOSE, nullptr));
+    STARTUPINFOW startup = {sizeof startup};
+    startup.dwFlags = STARTF_USESTDHANDLES;
+    startup.hStdOutput = startup.hStdError = output.Get();
+    PROCESS_INFORMATION process = {};
+    std::wstring command = L"rundll32.exe " + DllPath() + L",DoVerbW " + arguments;
+    if (!output || !::CreateProcessW(nullptr, &command[0], nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup,
+                                     &process))
+        return result;
+    com::Handle child(process.hProcess), thread(process.hThread);
+    if (::WaitForSingleObject(child.Get(), 60000) != WAIT_OBJECT_0) return result;
+    ::GetExitCodeProcess(child.Get(), &result.first);
     char buffer[4096];
-    for (size_t read; pipe && (read = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;) result.second.append(buffer, read);
-    if (pipe) result.first = static_cast<DWORD>(::_pclose(pipe));
+    DWORD read = 0;
+    ::SetFilePointer(output.Get(), 0, nullptr, FILE_BEGIN);
+    while (::ReadFile(output.Get(), buffer, sizeof buffer, &read, nullptr) && read > 0) result.second.append(buffer, read);
     return result;
 }
 
