@@ -103,7 +103,8 @@ std::pair<DWORD, std::string> RunVerb(const std::wstring& arguments) {
     char buffer[4096];
     DWORD read = 0;
     ::SetFilePointer(output.Get(), 0, nullptr, FILE_BEGIN);
-    while (::ReadFile(output.Get(), buffer, sizeof buffer, &read, nullptr) && read > 0) result.second.append(buffer, read);
+    while (::ReadFile(output.Get(), buffer, sizeof buffer, &read, nullptr) && read > 0)
+        result.second.append(buffer, read);
     return result;
 }
 
