@@ -1,6 +1,5 @@
 // Self-registration (the keys each registered class writes, the type library
 // and the proxy/stub, removal, and re-registration) and the maintenance verbs.
-#include <cstdio>
 #include <string>
 
 #include "classtable.h"
