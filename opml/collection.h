@@ -163,14 +163,6 @@ public:
         items = m_items;
     }
 
-    // Calls `visit(element)` for each element, under the collection's lock:
-    // `visit` must not call out of the library.
-    template <class Visit>
-    void ForEach(Visit&& visit) {
-        com::Lock lock(m_lock);
-        for (const auto& item : m_items) visit(item.Get());
-    }
-
     // Room for `count` more elements; a hint, so running short of memory
     // here is left for Append to report.
     void Reserve(size_t count) {

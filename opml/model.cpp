@@ -55,11 +55,6 @@ bool CCoAttribute::NameIs(const wchar_t* name, UINT length) {
     return SameText(m_name, name, length);
 }
 
-bool CCoAttribute::ValueIs(const wchar_t* value, UINT length) {
-    com::Lock lock(m_lock);
-    return SameText(m_value, value, length);
-}
-
 HRESULT CCoAttribute::SetName(const wchar_t* name) {
     return SetName(name, name ? static_cast<UINT>(wcslen(name)) : 0);
 }
@@ -70,9 +65,120 @@ HRESULT CCoAttribute::SetValue(const wchar_t* value, UINT length) { return Store
 
 // --- CCoAttributes ------------------------------------------------------------
 
+namespace {
+
+void PutPackedLength(wchar_t* at, UINT length) {
+    at[0] = static_cast<wchar_t>(length & 0xFFFF);
+    at[1] = static_cast<wchar_t>(length >> 16);
+}
+
+}  // namespace
+
+HRESULT CCoAttributes::Load(const TextPair* pairs, size_t count) {
+    if (count == 0) return S_OK;
+    size_t chars = 4 * count;
+    for (size_t i = 0; i < count; ++i) chars += size_t{pairs[i].nameLength} + pairs[i].valueLength;
+    std::unique_ptr<wchar_t[]> block(new (std::nothrow) wchar_t[chars]);
+    if (!block) return E_OUTOFMEMORY;
+    wchar_t* lengths = block.get();
+    wchar_t* text = lengths + 4 * count;
+    for (size_t i = 0; i < count; ++i, lengths += 4) {
+        const TextPair& pair = pairs[i];
+        PutPackedLength(lengths, pair.nameLength);
+        PutPackedLength(lengths + 2, pair.valueLength);
+        if (pair.nameLength) wmemcpy(text, pair.name, pair.nameLength);
+        text += pair.nameLength;
+        if (pair.valueLength) wmemcpy(text, pair.value, pair.valueLength);
+        text += pair.valueLength;
+    }
+    com::Lock lock(m_lock);
+    HRESULT hr = MakeObjects();  // a block already there comes first
+    if (FAILED(hr)) return hr;
+    m_block = std::move(block);
+    m_blockCount = count;
+    return S_OK;
+}
+
+HRESULT CCoAttributes::MakeObjects() {
+    if (!m_block) return S_OK;
+    return com::Guard([&] {
+        std::vector<ComPtr<CCoAttribute>> made;
+        made.reserve(m_blockCount);
+        HRESULT hr = S_OK;
+        ForEachInBlock([&](const wchar_t* name, size_t nameLength, const wchar_t* value, size_t valueLength) {
+            ComPtr<CCoAttribute> attribute;
+            if (SUCCEEDED(hr)) hr = CCoAttribute::Make(attribute);
+            if (SUCCEEDED(hr)) hr = attribute->SetName(name, static_cast<UINT>(nameLength));
+            if (SUCCEEDED(hr)) hr = attribute->SetValue(value, static_cast<UINT>(valueLength));
+            if (SUCCEEDED(hr)) made.push_back(std::move(attribute));
+        });
+        if (FAILED(hr)) return hr;
+        m_items.reserve(m_items.size() + made.size());
+        for (auto& attribute : made) m_items.push_back(std::move(attribute));
+        m_block.reset();
+        m_blockCount = 0;
+        return S_OK;
+    });
+}
+
+STDMETHODIMP CCoAttributes::get__NewEnum(IUnknown** ppEnum) {
+    if (!ppEnum) return E_POINTER;
+    *ppEnum = nullptr;
+    HRESULT hr = Objects();
+    return FAILED(hr) ? hr : Base::get__NewEnum(ppEnum);
+}
+
+STDMETHODIMP CCoAttributes::get_Item(VARIANT* pvID, IOPMLAttribute** ppItem) {
+    if (!ppItem) return E_POINTER;
+    *ppItem = nullptr;
+    HRESULT hr = Objects();
+    return FAILED(hr) ? hr : Base::get_Item(pvID, ppItem);
+}
+
+STDMETHODIMP CCoAttributes::get_Count(LONG* plCount) {
+    if (!plCount) return E_POINTER;
+    com::Lock lock(m_lock);
+    *plCount = static_cast<LONG>(m_items.size() + m_blockCount);
+    return S_OK;
+}
+
+STDMETHODIMP CCoAttributes::AddNew(IOPMLAttribute** ppItem) {
+    if (!ppItem) return E_POINTER;
+    *ppItem = nullptr;
+    HRESULT hr = Objects();
+    return FAILED(hr) ? hr : Base::AddNew(ppItem);
+}
+
+STDMETHODIMP CCoAttributes::Remove(VARIANT* pvID) {
+    HRESULT hr = Objects();
+    return FAILED(hr) ? hr : Base::Remove(pvID);
+}
+
+STDMETHODIMP CCoAttributes::Clear() {
+    std::unique_ptr<wchar_t[]> block;
+    {
+        com::Lock lock(m_lock);
+        block.swap(m_block);
+        m_blockCount = 0;
+    }
+    return Base::Clear();
+}
+
+bool CCoAttributes::ValueIs(const wchar_t* name, const wchar_t* value, UINT length) {
+    const size_t nameLength = wcslen(name);
+    bool found = false, same = false;
+    ForEachPair([&](const wchar_t* itsName, size_t itsNameLength, const wchar_t* itsValue, size_t itsLength) {
+        if (found || itsNameLength != nameLength || wmemcmp(itsName, name, nameLength) != 0) return;
+        found = true;
+        same = itsLength == length && (length == 0 || wmemcmp(itsValue, value, length) == 0);
+    });
+    return same;
+}
+
 ComPtr<CCoAttribute> CCoAttributes::Find(const wchar_t* name) {
     UINT length = static_cast<UINT>(wcslen(name));
     com::Lock lock(m_lock);
+    if (FAILED(MakeObjects())) return nullptr;
     for (const auto& attribute : m_items) {
         if (attribute->NameIs(name, length)) return attribute;
     }
@@ -81,15 +187,18 @@ ComPtr<CCoAttribute> CCoAttributes::Find(const wchar_t* name) {
 
 HRESULT CCoAttributes::FindOrAdd(const wchar_t* name, ComPtr<CCoAttribute>& attribute) {
     com::Lock lock(m_lock);
+    HRESULT hr = MakeObjects();
+    if (FAILED(hr)) return hr;
     attribute = Find(name);
     if (attribute) return S_OK;
-    HRESULT hr = Append(attribute);
+    hr = Append(attribute);
     if (SUCCEEDED(hr)) hr = attribute->SetName(name);
     return hr;
 }
 
 ComPtr<CCoAttribute> CCoAttributes::At(size_t index) {
     com::Lock lock(m_lock);
+    if (FAILED(MakeObjects())) return nullptr;
     return index < m_items.size() ? m_items[index] : nullptr;
 }
 
@@ -138,10 +247,7 @@ STDMETHODIMP CCoOutline::get_SubItems(IOPMLOutlines** ppSubItems) {
     return HandOut(children, ppSubItems);
 }
 
-bool CCoOutline::TextIs(const wchar_t* text, UINT length) {
-    ComPtr<CCoAttribute> attribute = m_attributes->Find(kText);
-    return attribute && attribute->ValueIs(text, length);
-}
+bool CCoOutline::TextIs(const wchar_t* text, UINT length) { return m_attributes->ValueIs(kText, text, length); }
 
 // A read of a missing attribute adds it with an empty value, so that the
 // outline then carries (and writes) every property that was looked at.

@@ -8,6 +8,7 @@
 #include <ocidl.h>
 
 #include <atomic>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -38,7 +39,6 @@ public:
     STDMETHODIMP put_Value(BSTR bstrValue) override;
 
     bool NameIs(const wchar_t* name, UINT length);
-    bool ValueIs(const wchar_t* value, UINT length);
     HRESULT SetName(const wchar_t* name);
     HRESULT SetName(const wchar_t* name, UINT length);
     HRESULT SetValue(const wchar_t* value, UINT length);
@@ -58,12 +58,42 @@ private:
     std::wstring m_value;
 };
 
+// One attribute's name and value as the reader hands them over.
+struct TextPair {
+    const wchar_t* name;
+    UINT nameLength;
+    const wchar_t* value;
+    UINT valueLength;
+};
+
 // The attributes of an outline, in insertion order (the order they are written).
+// What a load reads is kept as text in one block, and becomes attribute
+// objects only when someone asks for one: most loaded attributes are only
+// ever written out again or looked up by name.
 class CCoAttributes : public CCollection<CCoAttributes, IOPMLAttributes, CCoAttribute, IOPMLAttribute> {
+    using Base = CCollection<CCoAttributes, IOPMLAttributes, CCoAttribute, IOPMLAttribute>;
+
 public:
+    // IOPMLAttributes: each call sees the attributes as objects.
+    STDMETHODIMP get__NewEnum(IUnknown** ppEnum) override;
+    STDMETHODIMP get_Item(VARIANT* pvID, IOPMLAttribute** ppItem) override;
+    STDMETHODIMP get_Count(LONG* plCount) override;
+    STDMETHODIMP AddNew(IOPMLAttribute** ppItem) override;
+    STDMETHODIMP Remove(VARIANT* pvID) override;
+    STDMETHODIMP Clear() override;
+
     // Name lookup: the attribute of that name.
     static bool Matches(CCoAttribute* attribute, BSTR name) { return attribute->NameIs(name, ::SysStringLen(name)); }
 
+    // Appends attributes as read, copied into one block of text.
+    HRESULT Load(const TextPair* pairs, size_t count);
+    // Calls `visit(name, nameLength, value, valueLength)` for each attribute
+    // in order, under the locks: `visit` must not call out of the library.
+    template <class Visit>
+    void ForEachPair(Visit&& visit);
+    // Whether the first attribute of that name has that value (false
+    // without one); makes no objects.
+    bool ValueIs(const wchar_t* name, const wchar_t* value, UINT length);
     // The first attribute of that name, or null.
     ComPtr<CCoAttribute> Find(const wchar_t* name);
     // The first attribute of that name, appended when missing; atomic, so
@@ -71,7 +101,48 @@ public:
     HRESULT FindOrAdd(const wchar_t* name, ComPtr<CCoAttribute>& attribute);
     // The attribute at a 0-based position, or null.
     ComPtr<CCoAttribute> At(size_t index);
+
+private:
+    // Turns the block into objects after those there are; under the lock.
+    HRESULT MakeObjects();
+    template <class Visit>
+    void ForEachInBlock(Visit&& visit);
+    HRESULT Objects() {
+        com::Lock lock(m_lock);
+        return MakeObjects();
+    }
+
+    // For each attribute of the block, its name's and its value's length
+    // (each a 32-bit number in two characters), then all names and values.
+    std::unique_ptr<wchar_t[]> m_block;
+    size_t m_blockCount = 0;
 };
+
+namespace detail {
+inline UINT PackedLength(const wchar_t* at) { return static_cast<UINT>(at[0]) | (static_cast<UINT>(at[1]) << 16); }
+}  // namespace detail
+
+template <class Visit>
+void CCoAttributes::ForEachPair(Visit&& visit) {
+    com::Lock lock(m_lock);
+    for (const auto& attribute : m_items) {
+        attribute->Read([&](const std::wstring& name, const std::wstring& value) {
+            visit(name.data(), name.size(), value.data(), value.size());
+        });
+    }
+    ForEachInBlock(visit);
+}
+
+template <class Visit>
+void CCoAttributes::ForEachInBlock(Visit&& visit) {
+    const wchar_t* lengths = m_block.get();
+    const wchar_t* text = lengths + 4 * m_blockCount;
+    for (size_t i = 0; i < m_blockCount; ++i, lengths += 4) {
+        const UINT nameLength = detail::PackedLength(lengths), valueLength = detail::PackedLength(lengths + 2);
+        visit(text, size_t{nameLength}, text + nameLength, size_t{valueLength});
+        text += nameLength + valueLength;
+    }
+}
 
 class CCoOutline;
 

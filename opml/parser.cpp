@@ -187,21 +187,19 @@ HRESULT CParser::StartOutline(ISAXAttributes* attributes) {
         if (!list) return E_OUTOFMEMORY;
         com::ComPtr<CCoOutline> outline;
         com::ThrowIfFailed(list->Append(outline));
-        CCoAttributes* target = outline->AttributeList();
         int count = 0;
         if (attributes) com::ThrowIfFailed(attributes->getLength(&count));
-        if (count > 0) target->Reserve(static_cast<size_t>(count));
+        m_pairs.clear();
         for (int i = 0; i < count; ++i) {
-            const wchar_t* name = nullptr;
-            const wchar_t* value = nullptr;
+            TextPair pair = {};
             int nameLength = 0, valueLength = 0;
-            com::ThrowIfFailed(attributes->getQName(i, &name, &nameLength));
-            com::ThrowIfFailed(attributes->getValue(i, &value, &valueLength));
-            com::ComPtr<CCoAttribute> attribute;
-            com::ThrowIfFailed(target->Append(attribute));
-            com::ThrowIfFailed(attribute->SetName(name, static_cast<UINT>(nameLength)));
-            com::ThrowIfFailed(attribute->SetValue(value, static_cast<UINT>(valueLength)));
+            com::ThrowIfFailed(attributes->getQName(i, &pair.name, &nameLength));
+            com::ThrowIfFailed(attributes->getValue(i, &pair.value, &valueLength));
+            pair.nameLength = static_cast<UINT>(nameLength);
+            pair.valueLength = static_cast<UINT>(valueLength);
+            m_pairs.push_back(pair);
         }
+        com::ThrowIfFailed(outline->AttributeList()->Load(m_pairs.data(), m_pairs.size()));
         m_stack.push_back(std::move(outline));
         m_state = kInOutline;
         return S_OK;

@@ -92,6 +92,8 @@ private:
     // the model's own classes, which take the same locks as its interfaces,
     // without the copies that passing strings through the interfaces costs.
     std::vector<com::ComPtr<CCoOutline>> m_stack;
+    // The attributes of the outline being read, pointing into the reader's text.
+    std::vector<TextPair> m_pairs;
     volatile LONG m_refs = 0;
 };
 

@@ -175,11 +175,10 @@ void WriteHeader(CXmlTextWriter& out, IOPMLHeader* header) {
 // stream is never called with a lock of the model held.
 void WriteAttributes(CXmlTextWriter& out, CCoOutline* outline) {
     out.ClearFormatted();
-    outline->AttributeList()->ForEach([&](CCoAttribute* attribute) {
-        attribute->Read([&](const std::wstring& name, const std::wstring& value) {
-            out.FormatAttribute(name.data(), name.size(), value.data(), value.size());
+    outline->AttributeList()->ForEachPair(
+        [&](const wchar_t* name, size_t nameLength, const wchar_t* value, size_t valueLength) {
+            out.FormatAttribute(name, nameLength, value, valueLength);
         });
-    });
     ThrowIfFailed(out.SendFormatted());
 }
 

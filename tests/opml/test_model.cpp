@@ -1,5 +1,7 @@
 // The object model as a client uses it: the collections and their lookups,
 // and a tree of any depth.
+#include <functional>
+
 #include "opmltest.h"
 #include "writeonlystream.h"
 
@@ -38,6 +40,37 @@ TEST(Outlines, ItemAndRemoveFindByPositionTextOrIdentity) {
     EXPECT_HR(E_INVALIDARG, body->Remove(Arg(2)));
     EXPECT_EQ(L"text=\"one\"\n  text=\"two\"\n", TreeText(body.Get()));
     EXPECT_EQ(L"text=\"three\"", AttributesText(items[2].Get()));
+}
+
+// Loaded attributes answer like added ones: lookups by text before any is
+// touched, then each change through the collection, in document order, with
+// the same object for the same attribute every time.
+TEST(Attributes, LoadedOnesAnswerAndChangeLikeAnyOthers) {
+    const std::pair<std::function<void(IOPMLOutline*)>, const wchar_t*> cases[] = {
+        {[](IOPMLOutline*) {}, L"a=\"1\" text=\"t\" b=\"2\""},
+        {[](IOPMLOutline* o) { AddAttribute(o, L"c", L"3"); }, L"a=\"1\" text=\"t\" b=\"2\" c=\"3\""},
+        {[](IOPMLOutline* o) { EXPECT_HR(S_OK, AttributesOf(o)->Remove(Arg(L"text"))); }, L"a=\"1\" b=\"2\""},
+        {[](IOPMLOutline* o) { EXPECT_HR(S_OK, AttributesOf(o)->Clear()); }, L""},
+        {[](IOPMLOutline* o) { EXPECT_HR(S_OK, o->put_type(com::Bstr(L"x"))); }, L"a=\"1\" text=\"t\" b=\"2\" type=\"x\""},
+    };
+    for (const auto& [change, expected] : cases) {
+        ComPtr<IOPMLDocument> document = NewDocument();
+        ASSERT_HR(S_OK, LoadText(document.Get(), L"<?xml version=\"1.0\"?><opml version=\"1.0\"><head/><body>"
+                                                 L"<outline a=\"1\" text=\"t\" b=\"2\"/></body></opml>"));
+        ComPtr<IOPMLOutline> outline, again;
+        EXPECT_HR(kElementNotFound, BodyOf(document.Get())->get_Item(Arg(L"1"), &outline));
+        ASSERT_HR(S_OK, BodyOf(document.Get())->get_Item(Arg(L"t"), &outline));
+        LONG count = 0;
+        EXPECT_HR(S_OK, AttributesOf(outline.Get())->get_Count(&count));
+        EXPECT_EQ(3, count);
+        change(outline.Get());
+        EXPECT_EQ(expected, AttributesText(outline.Get()));
+        ComPtr<IOPMLAttribute> first, same;
+        if (AttributesOf(outline.Get())->get_Item(Arg(1), &first) == S_OK) {
+            EXPECT_HR(S_OK, AttributesOf(outline.Get())->get_Item(Arg(1), &same));
+            EXPECT_EQ(first.Get(), same.Get());
+        }
+    }
 }
 
 // A tree far deeper than a thread's stack could hold one call per level of:
