@@ -167,6 +167,11 @@ HRESULT CJournaledFile::Init(const wchar_t* path, bool create) {
 }
 
 HRESULT CJournaledFile::RollBackLeftovers() {
+    // Sessions never use zero for their number: a file that carries zero had
+    // no session cut short, and nothing beside it is even looked at.
+    BYTE current[kMarkerSize] = {};
+    if (ReadFileAt(m_file.Get(), kMarkerOffset, current, kMarkerSize) != kMarkerSize || Get<std::uint32_t>(current) == 0)
+        return S_OK;
     WIN32_FIND_DATAW found;
     HANDLE search = ::FindFirstFileW((m_journalName + L"*").c_str(), &found);
     if (search == INVALID_HANDLE_VALUE) return S_OK;

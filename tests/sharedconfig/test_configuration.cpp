@@ -164,19 +164,21 @@ TEST_F(SharedConfig, AStorageIsAPrivateCopyThatReplacesTheElementAsAWhole) {
 
 // Whatever lies beside the shared file, a completed write-back stays: files of
 // the journal's name (garbage, empty, a compound file with older contents),
-// backup copies, and such files held open so that they cannot be deleted.
-TEST_F(SharedConfig, NothingBesideTheFileUndoesACompletedWriteBack) {
+// backup copies, and such files held open so that they cannot be deleted, or
+// held with no sharing at all, so that they cannot even be read.
+TEST_F(SharedConfig, NothingBesideTheFileUndoesOrBlocksACompletedWriteBack) {
     ASSERT_HR(S_OK, m_manager.Put(m_file, L"s", "old"));
     const std::wstring oldCopy = m_file + L".old";
     ASSERT_TRUE(::CopyFileW(m_file.c_str(), oldCopy.c_str(), FALSE));
+    constexpr DWORD kFree = ~0u, kShared = FILE_SHARE_READ | FILE_SHARE_WRITE;
     const struct {
         const wchar_t* suffix;
         const char* content;  // null: a copy of the file with "old" in it
-        bool held;            // open, shared for reading and writing, during the write-back
+        DWORD held;           // the sharing it is held open with during the write-back
     } leftovers[] = {
-        {L".kyjournal", "garbage", false}, {L".kyjournal", "", false},      {L".kyjournal", nullptr, false},
-        {L".kyjournal-1", nullptr, false}, {L".kybackup", nullptr, false},  {L".kybackup", "garbage", false},
-        {L".kyjournal", "", true},         {L".kybackup", nullptr, true},
+        {L".kyjournal", "garbage", kFree}, {L".kyjournal", "", kFree},      {L".kyjournal", nullptr, kFree},
+        {L".kyjournal-1", nullptr, kFree}, {L".kybackup", nullptr, kFree},  {L".kybackup", "garbage", kFree},
+        {L".kyjournal", "", kShared},      {L".kybackup", nullptr, kShared}, {L".kyjournal", nullptr, 0},
     };
     int round = 0;
     for (const auto& leftover : leftovers) {
@@ -184,9 +186,9 @@ TEST_F(SharedConfig, NothingBesideTheFileUndoesACompletedWriteBack) {
         SCOPED_TRACE(round);
         if (leftover.content) WriteText(path, leftover.content);
         else ASSERT_TRUE(::CopyFileW(oldCopy.c_str(), path.c_str(), FALSE));
-        com::Handle holder(leftover.held ? ::CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE,
-                                                         nullptr, OPEN_EXISTING, 0, nullptr)
-                                         : nullptr);
+        com::Handle holder(leftover.held != kFree ? ::CreateFileW(path.c_str(), GENERIC_READ, leftover.held, nullptr,
+                                                                  OPEN_EXISTING, 0, nullptr)
+                                                  : nullptr);
         const std::string value = "new " + std::to_string(++round);
         ASSERT_HR(S_OK, m_manager.Put(m_file, L"s", value));
         holder.Close();
