@@ -170,8 +170,8 @@ HRESULT CJournaledFile::RollBackLeftovers() {
     // Sessions never use zero for their number: a file that carries zero had
     // no session cut short, and nothing beside it is even looked at.
     BYTE current[kMarkerSize] = {};
-    if (ReadFileAt(m_file.Get(), kMarkerOffset, current, kMarkerSize) != kMarkerSize || Get<std::uint32_t>(current) == 0)
-        return S_OK;
+    const ULONG read = ReadFileAt(m_file.Get(), kMarkerOffset, current, kMarkerSize);
+    if (read != kMarkerSize || Get<std::uint32_t>(current) == 0) return S_OK;
     WIN32_FIND_DATAW found;
     HANDLE search = ::FindFirstFileW((m_journalName + L"*").c_str(), &found);
     if (search == INVALID_HANDLE_VALUE) return S_OK;
@@ -278,7 +278,9 @@ HRESULT CJournaledFile::BeginSession() {
 }
 
 HRESULT CJournaledFile::CreateJournal() {
-    const DWORD access = GENERIC_READ | GENERIC_WRITE, share = FILE_SHARE_READ | FILE_SHARE_DELETE;
+    // Others may read it, but nobody may delete or rename it while the
+    // session may still need it.
+    const DWORD access = GENERIC_READ | GENERIC_WRITE, share = FILE_SHARE_READ;
     try {
         m_journalPath = m_journalName;
         m_journal.Attach(::CreateFileW(m_journalPath.c_str(), access, share, nullptr, CREATE_ALWAYS, 0, nullptr));

@@ -159,14 +159,16 @@ VARIANT AsUnknown(IUnknown* object) {
     return value;
 }
 
-// One parse of the stream by the SAX reader into `handler`.
-void Parse(ISAXContentHandler& handler, IStream* input) {
+// One parse of the stream by the SAX reader into `handler`, which must
+// succeed when `mustSucceed`.
+void Parse(ISAXContentHandler& handler, IStream* input, bool mustSucceed) {
     ComPtr<ISAXXMLReader> reader;
     Check(::CoCreateInstance(OPML::sax::kReader40, nullptr, CLSCTX_INPROC_SERVER, OPML::sax::kIReader, &reader),
           "SAX reader");
     reader->putContentHandler(&handler);
     VARIANT source = AsUnknown(input);
-    Check(reader->parse(source), "parse");
+    HRESULT hr = reader->parse(source);
+    if (mustSucceed) Check(hr, "parse");
     reader->putContentHandler(nullptr);
 }
 
@@ -199,9 +201,9 @@ int main() {
     std::printf("document: %.1f MB of OPML\n", text.size() / 1048576.0);
 
     // Load against the bare parse, each timed alone on a fresh stream; every
-    // load must have read outlines.
+    // load of a document the reader takes must have read outlines.
     EmptyHandler handler;
-    auto compare = [&](const char* what, const std::string& bytes, int rounds) {
+    auto compare = [&](const char* what, const std::string& bytes, int rounds, bool readable = true) {
         ComPtr<IStream> input;
         ComPtr<IOPMLDocument> document;
         double load = Timed(
@@ -218,21 +220,26 @@ int main() {
                 LONG count = 0;
                 document->get_Body(&body);
                 body->get_Count(&count);
-                if (count == 0) Check(E_FAIL, "Load read nothing;");
+                if (readable && count == 0) Check(E_FAIL, "Load read nothing;");
                 body.Reset();
                 document.Reset();
             },
             rounds);
-        double parse = Timed([&] { input = StreamOf(bytes); }, [&] { Parse(handler, input.Get()); }, [] {}, rounds);
+        double parse =
+            Timed([&] { input = StreamOf(bytes); }, [&] { Parse(handler, input.Get(), readable); }, [] {}, rounds);
         ky::bench::Report(what, load, "SAX parse, empty handler", parse);
     };
     compare("Load (10 MB from a memory stream)", text, 5);
-    // Behind a 9 MB comment (the reader refuses comments above 10 MB), which
-    // the reader skips on its own: Load should add what it adds above.
+    // Behind a leading comment, which the reader skips on its own: Load
+    // should add what it adds above. The reader gives up on a comment over
+    // 10 MB, and Load must give up as soon as the reader does.
     const size_t declaration = text.find("?>") + 2;
-    compare("Load behind a 9 MB comment",
-            text.substr(0, declaration) + "\r\n<!--" + std::string(9u << 20, 'c') + "-->" + text.substr(declaration),
-            3);
+    auto behindComment = [&](size_t megabytes) {
+        return text.substr(0, declaration) + "\r\n<!--" + std::string(megabytes << 20, 'c') + "-->" +
+               text.substr(declaration);
+    };
+    compare("Load behind a 9 MB comment", behindComment(9), 3);
+    compare("Load behind a 48 MB comment (refused)", behindComment(48), 3, false);
 
     ComPtr<IStream> input;
     ComPtr<IOPMLDocument> document;

@@ -51,7 +51,8 @@ TEST(Attributes, LoadedOnesAnswerAndChangeLikeAnyOthers) {
         {[](IOPMLOutline* o) { AddAttribute(o, L"c", L"3"); }, L"a=\"1\" text=\"t\" b=\"2\" c=\"3\""},
         {[](IOPMLOutline* o) { EXPECT_HR(S_OK, AttributesOf(o)->Remove(Arg(L"text"))); }, L"a=\"1\" b=\"2\""},
         {[](IOPMLOutline* o) { EXPECT_HR(S_OK, AttributesOf(o)->Clear()); }, L""},
-        {[](IOPMLOutline* o) { EXPECT_HR(S_OK, o->put_type(com::Bstr(L"x"))); }, L"a=\"1\" text=\"t\" b=\"2\" type=\"x\""},
+        {[](IOPMLOutline* o) { EXPECT_HR(S_OK, o->put_type(com::Bstr(L"x"))); },
+         L"a=\"1\" text=\"t\" b=\"2\" type=\"x\""},
     };
     for (const auto& [change, expected] : cases) {
         ComPtr<IOPMLDocument> document = NewDocument();
