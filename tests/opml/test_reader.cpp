@@ -110,12 +110,16 @@ TEST(Reader, EntitiesNeverBringInOutsideTextNorExpandWithoutEnd) {
     ::DeleteFileW(secret.c_str());
 }
 
-// A null BSTR is the empty string: nothing loads. No argument is E_POINTER.
+// A null BSTR, by value or by reference, is the empty string: nothing loads.
+// No argument is E_POINTER.
 TEST(Reader, NullTextIsEmpty) {
     ComPtr<IOPMLDocument> document = NewDocument();
-    com::Variant null;
-    V_VT(&null) = VT_BSTR, V_BSTR(&null) = nullptr;
-    EXPECT_HR(S_OK, document->Load(&null));
+    BSTR none = nullptr;
+    VARIANT byValue, byReference;
+    V_VT(&byValue) = VT_BSTR, V_BSTR(&byValue) = nullptr;
+    V_VT(&byReference) = VT_BSTR | VT_BYREF, V_BSTRREF(&byReference) = &none;
+    EXPECT_HR(S_OK, document->Load(&byValue));
+    EXPECT_HR(S_OK, document->Load(&byReference));
     EXPECT_EQ(L"|||0", Summary(document.Get()));
     EXPECT_HR(E_POINTER, document->Load(nullptr));
 }
