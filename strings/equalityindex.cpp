@@ -42,6 +42,7 @@ bool MakeSortKey(BSTR text, ULONG flags, std::vector<BYTE>* key) {
 bool EqualityIndex::Covers(ULONG flags) { return (flags & ~kCoveredFlags) == 0; }
 
 void EqualityIndex::Drop() {
+    m_foundSlot = StringSlots::kNone;
     m_buckets.clear();
     m_ready = false;
 }
@@ -66,6 +67,7 @@ void EqualityIndex::Build(const StringSlots& items, ULONG flags) {
 }
 
 void EqualityIndex::Insert(size_t slot, BSTR item) noexcept {
+    m_foundSlot = StringSlots::kNone;
     Follow(item, [&](uint64_t key) {
         m_buckets.emplace(key, slot);
         return true;
@@ -73,16 +75,24 @@ void EqualityIndex::Insert(size_t slot, BSTR item) noexcept {
 }
 
 void EqualityIndex::Erase(size_t slot, BSTR item) noexcept {
-    Follow(item, [&](uint64_t key) {
-        auto range = m_buckets.equal_range(key);
-        for (auto it = range.first; it != range.second; ++it) {
-            if (it->second == slot) {
-                m_buckets.erase(it);
-                return true;
-            }
+    Follow(item, [&](uint64_t key) { return EraseEntry(key, slot); });
+}
+
+void EqualityIndex::EraseFound(size_t slot, BSTR item) noexcept {
+    if (!m_ready || slot != m_foundSlot) return Erase(slot, item);
+    if (!EraseEntry(m_foundKey, slot)) Drop();
+    m_foundSlot = StringSlots::kNone;
+}
+
+bool EqualityIndex::EraseEntry(uint64_t key, size_t slot) noexcept {
+    auto range = m_buckets.equal_range(key);
+    for (auto it = range.first; it != range.second; ++it) {
+        if (it->second == slot) {
+            m_buckets.erase(it);
+            return true;
         }
-        return false;
-    });
+    }
+    return false;
 }
 
 template <class Change>
@@ -105,7 +115,8 @@ EqualityIndex::Answer EqualityIndex::First(BSTR text, const StringSlots& items, 
         if (it->second < first && ::VarBstrCmp(text, items.At(it->second), LOCALE_USER_DEFAULT, m_flags) == VARCMP_EQ)
             first = it->second;
     }
-    *slot = first;
+    *slot = m_foundSlot = first;
+    m_foundKey = key;
     return first == StringSlots::kNone ? Answer::No : Answer::Yes;
 }
 

@@ -44,6 +44,9 @@ public:
     // index that cannot follow is dropped and rebuilt when next needed.
     void Insert(size_t slot, BSTR item) noexcept;
     void Erase(size_t slot, BSTR item) noexcept;
+    // As Erase; when `slot` is the one First found last, by the key First
+    // made for its text (equal elements have equal keys): no key is made.
+    void EraseFound(size_t slot, BSTR item) noexcept;
 
     // Yes with the first slot in list order (the lowest) whose element equals
     // `text`; No when none does; Unknown when no key could be made for it.
@@ -51,12 +54,16 @@ public:
 
 private:
     bool KeyOf(BSTR text, uint64_t* key);
+    bool EraseEntry(uint64_t key, size_t slot) noexcept;
     // Applies a change for the item's key; drops the index when that fails.
     template <class Change>
     void Follow(BSTR item, Change&& change) noexcept;
 
     std::unordered_multimap<uint64_t, size_t> m_buckets;  // key hash -> slot
     std::vector<BYTE> m_sortKey;
+    // What First found last, and the key of the text it was asked for.
+    size_t m_foundSlot = StringSlots::kNone;
+    uint64_t m_foundKey = 0;
     ULONG m_flags = 0;
     bool m_ready = false;
 };

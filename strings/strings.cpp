@@ -83,7 +83,8 @@ STDMETHODIMP CCoKyStrings::Remove(VARIANT val) {
         com::Lock lock(m_lock);
         size_t slot;
         if (!Find(val, &slot)) return E_KY_ELEMENTNOTFOUND;
-        for (EqualityIndex* index : {&m_uniqueIndex, &m_lookupIndex}) index->Erase(slot, m_items.At(slot));
+        m_uniqueIndex.Erase(slot, m_items.At(slot));
+        m_lookupIndex.EraseFound(slot, m_items.At(slot));  // as Find found it
         // Compacting numbers the slots anew: the indexes follow when next used.
         if (m_items.Remove(slot)) {
             m_uniqueIndex.Drop();
