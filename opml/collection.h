@@ -163,16 +163,6 @@ public:
         items = m_items;
     }
 
-    // Room for `count` more elements; a hint, so running short of memory
-    // here is left for Append to report.
-    void Reserve(size_t count) {
-        com::Lock lock(m_lock);
-        try {
-            m_items.reserve(m_items.size() + count);
-        } catch (const std::exception&) {
-        }
-    }
-
     // Makes a new element and appends it.
     HRESULT Append(com::ComPtr<Element>& element) {
         HRESULT hr = Element::Make(element);

@@ -65,15 +65,6 @@ HRESULT CCoAttribute::SetValue(const wchar_t* value, UINT length) { return Store
 
 // --- CCoAttributes ------------------------------------------------------------
 
-namespace {
-
-void PutPackedLength(wchar_t* at, UINT length) {
-    at[0] = static_cast<wchar_t>(length & 0xFFFF);
-    at[1] = static_cast<wchar_t>(length >> 16);
-}
-
-}  // namespace
-
 HRESULT CCoAttributes::Load(const TextPair* pairs, size_t count) {
     if (count == 0) return S_OK;
     size_t chars = 4 * count;
@@ -84,8 +75,8 @@ HRESULT CCoAttributes::Load(const TextPair* pairs, size_t count) {
     wchar_t* text = lengths + 4 * count;
     for (size_t i = 0; i < count; ++i, lengths += 4) {
         const TextPair& pair = pairs[i];
-        PutPackedLength(lengths, pair.nameLength);
-        PutPackedLength(lengths + 2, pair.valueLength);
+        detail::PutPackedLength(lengths, pair.nameLength);
+        detail::PutPackedLength(lengths + 2, pair.valueLength);
         if (pair.nameLength) wmemcpy(text, pair.name, pair.nameLength);
         text += pair.nameLength;
         if (pair.valueLength) wmemcpy(text, pair.value, pair.valueLength);

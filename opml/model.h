@@ -119,6 +119,11 @@ private:
 };
 
 namespace detail {
+// A 32-bit length of the attribute block, in two characters.
+inline void PutPackedLength(wchar_t* at, UINT length) {
+    at[0] = static_cast<wchar_t>(length & 0xFFFF);
+    at[1] = static_cast<wchar_t>(length >> 16);
+}
 inline UINT PackedLength(const wchar_t* at) { return static_cast<UINT>(at[0]) | (static_cast<UINT>(at[1]) << 16); }
 }  // namespace detail
 
