@@ -4,7 +4,7 @@
 #include <cstring>
 
 #include "com/guard.h"
-#include "server/resultcodes.h"
+#include "contract/resultcodes.h"
 
 namespace ky {
 

@@ -14,7 +14,7 @@
 #include "com/guard.h"
 #include "com/object.h"
 #include "com/raii.h"
-#include "server/resultcodes.h"
+#include "contract/resultcodes.h"
 
 namespace OPML {
 

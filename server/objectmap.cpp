@@ -2,7 +2,7 @@
 
 #include "godfather.h"
 #include "kyutils.h"
-#include "resource.h"
+#include "resources/resource.h"
 
 // Each service's header sits on a line of its own, so that services can be
 // added independently.

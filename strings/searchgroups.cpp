@@ -2,8 +2,8 @@
 
 #include "com/guard.h"
 #include "com/property.h"
-#include "server/resultcodes.h"
-#include "resource.h"
+#include "contract/resultcodes.h"
+#include "resources/resource.h"
 #include "strings/records.h"
 
 namespace ky {

@@ -5,7 +5,7 @@
 
 #include "com/guard.h"
 #include "com/property.h"
-#include "server/resultcodes.h"
+#include "contract/resultcodes.h"
 #include "strings/records.h"
 
 namespace ky {

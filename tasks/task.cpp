@@ -1,7 +1,7 @@
 #include "tasks/tasks.h"
 
 #include "com/property.h"
-#include "server/resultcodes.h"
+#include "contract/resultcodes.h"
 
 namespace ky {
 
