@@ -217,8 +217,10 @@ STDMETHODIMP CCoKyHelpers::GetDocumentsFolder(BSTR* pbstrPath) {
 }
 
 STDMETHODIMP CCoKyHelpers::CreateDirectoryPath(LPCWSTR pszPath) {
-    if (!pszPath || !*pszPath) return E_INVALIDARG;
-    int error = ::SHCreateDirectoryExW(nullptr, pszPath, nullptr);
+    // The shell judges the path, the empty one included (ERROR_BAD_PATHNAME,
+    // as for a relative one). A null path is the empty one: the shell is not
+    // documented to take null.
+    int error = ::SHCreateDirectoryExW(nullptr, pszPath ? pszPath : L"", nullptr);
     if (error == ERROR_SUCCESS) return S_OK;
     if (error == ERROR_ALREADY_EXISTS) return S_FALSE;
     return HRESULT_FROM_WIN32(static_cast<DWORD>(error));

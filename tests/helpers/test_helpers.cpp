@@ -1,6 +1,6 @@
 // The helper object as clients use it: kernel-object names, the library's
-// resources as streams, the ordering of property pages kept in the registry
-// and the process's temporary folder.
+// resources as streams, the ordering of property pages kept in the registry,
+// the process's temporary folder and folders made with their parents.
 #include <wrl/client.h>
 
 #include <fstream>
@@ -118,7 +118,7 @@ TEST_F(Helpers, PropertyPagesGoByGroupThenByOrderAsTextIgnoringCase) {
     EXPECT_STREQ(L"2", group.Get());
 }
 
-TEST_F(Helpers, TheTemporaryFolderIsThisProcesssAndHoldsNewUniqueFiles) {
+TEST_F(Helpers, TheTemporaryFolderIsThisProcesssAndHoldsNewUniqueFilesAndFolders) {
     com::Bstr folder, first, second;
     ASSERT_HR(S_OK, files->GetTemporaryFolder(folder.Out()));
     const std::wstring prefix = TempPath() + L"KyUtils-";
@@ -127,6 +127,13 @@ TEST_F(Helpers, TheTemporaryFolderIsThisProcesssAndHoldsNewUniqueFiles) {
     ASSERT_HR(S_OK, files->CreateTemporaryFileName(com::Bstr(L"xml"), second.Out()));
     EXPECT_NE(std::wstring(first.Get()), second.Get());
     EXPECT_NE(INVALID_FILE_ATTRIBUTES, ::GetFileAttributesW(first.Get()));
+    // Folders are made with their parents; the shell's answer comes through (a null path is the empty one).
+    const std::wstring nested = std::wstring(folder.Get()) + L"a\\b";
+    const HRESULT badPath = HRESULT_FROM_WIN32(ERROR_BAD_PATHNAME);
+    const std::pair<const wchar_t*, HRESULT> paths[] = {
+        {nested.c_str(), S_OK}, {nested.c_str(), S_FALSE}, {L"a\\b", badPath}, {L"", badPath}, {nullptr, badPath}};
+    for (const auto& [path, expected] : paths)
+        EXPECT_HR(expected, files->CreateDirectoryPath(path)) << (path ? Narrow(path) : "null");
     EXPECT_HR(S_OK, files->RemoveTemporaryFolder());
     EXPECT_EQ(INVALID_FILE_ATTRIBUTES, ::GetFileAttributesW(folder.Get()));
 }

@@ -1,5 +1,6 @@
 // The reader through IOPMLDocument::Load: where each structural violation
-// stops it, and what entities and null input do in every input form.
+// stops it, the date forms it takes, and what entities and null input do in
+// every input form.
 #include <fstream>
 
 #include "opmltest.h"
@@ -37,6 +38,43 @@ TEST(Reader, AStructuralViolationStopsTheReadAndKeepsWhatCameBefore) {
         ComPtr<IOPMLDocument> document = NewDocument();
         EXPECT_HR(S_OK, LoadText(document.Get(), text)) << Narrow(text);
         EXPECT_EQ(kept, Summary(document.Get())) << Narrow(text);
+    }
+}
+
+// Every date form the reader takes, read in the zone the text names and kept
+// as local time in this machine's zone (the suite runs this program in one
+// off the whole hour and with daylight saving time). Text that is no date
+// stops the read there.
+TEST(Reader, DatesInEveryFormTakenAreReadInTheirZoneAndKeptAsLocalTime) {
+    const struct { const wchar_t* text; WORD year, month, day, hour, minute, second; } cases[] = {
+        {L"Mon, 01 Jul 2024 16:00:05 GMT", 2024, 7, 1, 16, 0, 5},  // the universal time named; year 0: refused
+        {L"  mon,1 JUL 2024 16:00:05 gmt ", 2024, 7, 1, 16, 0, 5}, {L"01 Jul 99 6:00 UT", 1999, 7, 1, 6, 0, 0},
+        {L"15 Jan 24 08:30:00 UTC", 2024, 1, 15, 8, 30, 0}, {L"15 Jan 124 08:30 Z", 2024, 1, 15, 8, 30, 0},
+        {L"Mon, 15 Jan 2024 03:30:00 EST", 2024, 1, 15, 8, 30, 0}, {L"1 Jul 2024 12:00:05 EDT", 2024, 7, 1, 16, 0, 5},
+        {L"Mon, 15 Jan 2024 02:30:00 CST", 2024, 1, 15, 8, 30, 0}, {L"1 Jul 2024 11:00:05 CDT", 2024, 7, 1, 16, 0, 5},
+        {L"Mon, 15 Jan 2024 01:30:00 MST", 2024, 1, 15, 8, 30, 0}, {L"1 Jul 2024 10:00:05 MDT", 2024, 7, 1, 16, 0, 5},
+        {L"Sun, 14 Jan 2024 23:30:00 PST", 2024, 1, 15, 7, 30, 0}, {L"1 Jul 2024 09:00:05 PDT", 2024, 7, 1, 16, 0, 5},
+        {L"Mon, 01 Jul 2024 18:30:05 +0230", 2024, 7, 1, 16, 0, 5},
+        {L"Mon, 01 Jan 2024 00:30:00 +0100", 2023, 12, 31, 23, 30, 0},
+        {L"Sun, 30 Jun 2024 23:00:05 -1700", 2024, 7, 1, 16, 0, 5}, {L"1 Jul 2024 12:00 -0330", 2024, 7, 1, 15, 30, 0},
+        {L""}, {L"Mon, 01 Jul 2024"}, {L"Mon 01 Jul 2024 16:00:00 GMT"}, {L"30 Feb 2024 16:00:00 GMT"},
+        {L"01 Jul 2024 24:00:00 GMT"}, {L"01 Jul 2024 16:00:00 GMT x"}, {L"01 Jul 2024 16:00:00"},
+        {L"01 Jul 2024 16:00:00 CET"}, {L"01 Jul 2024 16:00:00 +2400"}, {L"01 Jul 2024 16:00:00 +02"},
+    };
+    for (const auto& c : cases) {
+        // The local time through the system's own zone conversion, as the reader is to make it.
+        SYSTEMTIME universal{c.year, c.month, 0, c.day, c.hour, c.minute, c.second, 0}, local;
+        DATE expected = 0, created = -1;
+        if (c.year) {
+            ASSERT_TRUE(::SystemTimeToTzSpecificLocalTime(nullptr, &universal, &local) &&
+                        ::SystemTimeToVariantTime(&local, &expected));
+        }
+        ComPtr<IOPMLDocument> document = NewDocument();
+        EXPECT_HR(S_OK, LoadText(document.Get(), Document(std::wstring(L"<title>t</title><dateCreated>") + c.text +
+                                                          L"</dateCreated><ownerName>o</ownerName>")));
+        EXPECT_HR(S_OK, HeaderOf(document.Get())->get_DateCreated(&created));
+        EXPECT_EQ(expected, created) << Narrow(c.text);
+        EXPECT_EQ(c.year ? L"t|o||0" : L"t|||0", Summary(document.Get())) << Narrow(c.text);
     }
 }
 
