@@ -119,6 +119,16 @@ HRESULT OpenError(DWORD error) {
 
 std::wstring FolderOf(const std::wstring& path) { return path.substr(0, path.find_last_of(L"\\/") + 1); }
 
+// Whether `found` is the journal's name (`journal`, the file's own name and
+// the suffix) or the name of one made while that was held ("-{GUID}" after
+// it), in any letter case. Anything else beside the file is not looked at.
+bool IsJournalName(const wchar_t* found, const std::wstring& journal) {
+    const int length = static_cast<int>(std::wcslen(found)), size = static_cast<int>(journal.size());
+    if (length < size || ::CompareStringOrdinal(found, size, journal.c_str(), size, TRUE) != CSTR_EQUAL) return false;
+    return length == size || (length == size + 39 && found[size] == L'-' && found[size + 1] == L'{' &&
+                              found[length - 1] == L'}');
+}
+
 }  // namespace
 
 std::wstring CJournaledFile::JournalName(const std::wstring& path) { return path + L".kyjournal"; }
@@ -167,81 +177,118 @@ HRESULT CJournaledFile::Init(const wchar_t* path, bool create) {
 }
 
 HRESULT CJournaledFile::RollBackLeftovers() {
-    // Sessions never use zero for their number: a file that carries zero had
-    // no session cut short, and nothing beside it is even looked at.
-    BYTE current[kMarkerSize] = {};
-    const ULONG read = ReadFileAt(m_file.Get(), kMarkerOffset, current, kMarkerSize);
-    if (read != kMarkerSize || Get<std::uint32_t>(current) == 0) return S_OK;
-    WIN32_FIND_DATAW found;
-    HANDLE search = ::FindFirstFileW((m_journalName + L"*").c_str(), &found);
-    if (search == INVALID_HANDLE_VALUE) return S_OK;
-    const std::wstring folder = FolderOf(m_journalName);
-    HRESULT hr = S_OK;
-    do {
-        if (found.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) continue;
-        const std::wstring path = folder + found.cFileName;
-        com::Handle journal(::CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
-                                          nullptr, OPEN_EXISTING, 0, nullptr));
-        // One that cannot even be read might be hot: the file is not used
-        // until it can be.
-        const Rollback result = journal ? RollBack(journal.Get()) : Rollback::Failed;
-        if (result == Rollback::Failed) hr = STG_E_LOCKVIOLATION;
-        if (result == Rollback::Done || result == Rollback::Stale) {
-            // Never needed again: the file no longer carries its number.
-            journal.Close();
-            ::DeleteFileW(path.c_str());
-        }
-    } while (SUCCEEDED(hr) && ::FindNextFileW(search, &found));
-    ::FindClose(search);
-    return hr;
+    const std::wstring folder = FolderOf(m_journalName), name = m_journalName.substr(folder.size());
+    // Rolled back here but still there (someone kept them from being deleted):
+    // never applied twice.
+    std::vector<std::wstring> applied;
+    for (bool again = true; again;) {
+        again = false;
+        // Sessions never use zero for their number: a file that carries zero
+        // had no session cut short, and nothing beside it is even looked at.
+        BYTE current[kMarkerSize] = {};
+        const ULONG read = ReadFileAt(m_file.Get(), kMarkerOffset, current, kMarkerSize);
+        if (read != kMarkerSize || Get<std::uint32_t>(current) == 0) return S_OK;
+        WIN32_FIND_DATAW found;
+        HANDLE search = ::FindFirstFileW((m_journalName + L"*").c_str(), &found);
+        if (search == INVALID_HANDLE_VALUE) return S_OK;
+        HRESULT hr = S_OK;
+        do {
+            const std::wstring path = folder + found.cFileName;
+            if ((found.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) || !IsJournalName(found.cFileName, name) ||
+                std::find(applied.begin(), applied.end(), path) != applied.end())
+                continue;
+            // Nobody writes it while it is read. One that cannot even be read
+            // (someone holds it with no sharing, or writes it) might be the
+            // one: the file is not used until it can be.
+            com::Handle journal(::CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_DELETE, nullptr,
+                                              OPEN_EXISTING, 0, nullptr));
+            const Rollback result = journal ? RollBack(journal.Get()) : Rollback::Failed;
+            if (result == Rollback::Failed) hr = STG_E_LOCKVIOLATION;
+            if (result == Rollback::Done) {
+                journal.Close();
+                ::DeleteFileW(path.c_str());
+                applied.push_back(path);
+                // The file now carries what it carried before that session,
+                // which may be the number of an earlier one cut short: look again.
+                again = true;
+            }
+        } while (SUCCEEDED(hr) && !again && ::FindNextFileW(search, &found));
+        ::FindClose(search);
+        if (FAILED(hr)) return hr;
+    }
+    return S_OK;
+}
+
+// Reads the record at `at` into `data` (offset, length, then the original
+// bytes) and moves `at` past it: S_OK, or S_FALSE where there is no complete
+// record whose checksum checks out (the journal's end).
+HRESULT CJournaledFile::NextRecord(HANDLE journal, std::uint32_t marker, std::uint64_t& at, std::vector<BYTE>& data) {
+    BYTE head[kRecordHeadSize];
+    if (ReadFileAt(journal, at, head, kRecordHeadSize) != kRecordHeadSize) return S_FALSE;
+    const auto length = Get<std::uint32_t>(head + 8);
+    if (length == 0 || length > kMaxRecord) return S_FALSE;
+    try {
+        data.resize(12 + length);
+    } catch (const std::bad_alloc&) {
+        return E_OUTOFMEMORY;
+    }
+    std::memcpy(data.data(), head, 12);
+    if (ReadFileAt(journal, at + kRecordHeadSize, data.data() + 12, length) != length ||
+        Checksum(data.data(), data.size(), marker) != Get<std::uint64_t>(head + 12))
+        return S_FALSE;
+    at += kRecordHeadSize + length;
+    return S_OK;
 }
 
 // Writes the originals of a hot journal back into the file.
 CJournaledFile::Rollback CJournaledFile::RollBack(HANDLE journal) {
     BYTE header[kJournalHeaderSize];
-    if (ReadFileAt(journal, 0, header, kJournalHeaderSize) != kJournalHeaderSize) return Rollback::NotHot;
-    if (std::memcmp(header, kMagic, sizeof kMagic) != 0 ||
-        Get<std::uint64_t>(header + 32) != Checksum(header, 32))
+    if (ReadFileAt(journal, 0, header, kJournalHeaderSize) != kJournalHeaderSize ||
+        std::memcmp(header, kMagic, sizeof kMagic) != 0 || Get<std::uint64_t>(header + 32) != Checksum(header, 32))
         return Rollback::NotHot;
+    // A journal goes with the file whose name it bears and whose number it
+    // carries, wherever that file now lives: a copy of the folder is rolled
+    // back as the original would have been. The file's volume and index in
+    // the header are only for older builds, which pair by them.
     const auto marker = Get<std::uint32_t>(header + 8);
-    if (Get<std::uint32_t>(header + 12) != m_identity.volume || Get<std::uint64_t>(header + 16) != m_identity.index)
-        return Rollback::NotHot;
-    // From here on it is a journal of this file, written by this store.
+    const auto originalSize = Get<std::uint64_t>(header + 24);
     BYTE current[kMarkerSize];
     if (ReadFileAt(m_file.Get(), kMarkerOffset, current, kMarkerSize) != kMarkerSize ||
         Get<std::uint32_t>(current) != marker)
         return Rollback::Stale;
-    const auto originalSize = Get<std::uint64_t>(header + 24);
 
-    // Every complete record goes back; the one holding the header goes back
-    // last, after the file has its old size again: until then the file still
-    // carries the number, so a rollback cut short is done again in full.
+    // Nothing is written before every complete record has been read and found
+    // to be what a session writes: regions of the original file that start on
+    // a block, the header's first (kept before the number went into the file).
     std::vector<BYTE> data, headerRecord;
+    std::uint64_t end = kJournalHeaderSize;
+    for (HRESULT hr; (hr = NextRecord(journal, marker, end, data)) != S_FALSE;) {
+        if (FAILED(hr)) return Rollback::Failed;
+        const auto offset = Get<std::uint64_t>(data.data());
+        const std::uint64_t length = data.size() - 12;
+        const bool first = headerRecord.empty();
+        if (offset % kBlock != 0 || offset > originalSize || length > originalSize - offset ||
+            first != (offset == 0) || (first && length < kHeaderSize))
+            return Rollback::NotHot;
+        if (first) headerRecord.swap(data);
+    }
+    if (originalSize > 0 && headerRecord.empty()) return Rollback::NotHot;
+
+    // Every complete record goes back (the one cut short at the end never had
+    // its region overwritten); the header goes back last, after the file has
+    // its old size again: until then the file still carries the number, so a
+    // rollback cut short is done again in full.
     std::uint64_t at = kJournalHeaderSize;
-    for (;;) {
-        BYTE head[kRecordHeadSize];
-        if (ReadFileAt(journal, at, head, kRecordHeadSize) != kRecordHeadSize) break;
-        const auto offset = Get<std::uint64_t>(head);
-        const auto length = Get<std::uint32_t>(head + 8);
-        if (length == 0 || length > kMaxRecord) break;
-        try {
-            data.resize(12 + length);
-        } catch (const std::bad_alloc&) {
+    if (!headerRecord.empty()) at += kRecordHeadSize + headerRecord.size() - 12;
+    while (at < end) {
+        if (NextRecord(journal, marker, at, data) != S_OK) return Rollback::Failed;  // unreadable now
+        if (!WriteFileAt(m_file.Get(), Get<std::uint64_t>(data.data()), data.data() + 12,
+                         static_cast<ULONG>(data.size() - 12)))
             return Rollback::Failed;
-        }
-        std::memcpy(data.data(), head, 12);
-        if (ReadFileAt(journal, at + kRecordHeadSize, data.data() + 12, length) != length ||
-            Checksum(data.data(), data.size(), marker) != Get<std::uint64_t>(head + 12))
-            break;  // torn at the end: its region was never overwritten
-        if (offset < kHeaderSize)
-            headerRecord.swap(data);
-        else if (!WriteFileAt(m_file.Get(), offset, data.data() + 12, length))
-            return Rollback::Failed;
-        at += kRecordHeadSize + length;
     }
     if (!Truncate(m_file.Get(), originalSize)) return Rollback::Failed;
-    if (!headerRecord.empty() && !WriteFileAt(m_file.Get(), Get<std::uint64_t>(headerRecord.data()),
-                                              headerRecord.data() + 12, static_cast<ULONG>(headerRecord.size() - 12)))
+    if (!headerRecord.empty() && !WriteFileAt(m_file.Get(), 0, headerRecord.data() + 12,
+                                              static_cast<ULONG>(headerRecord.size() - 12)))
         return Rollback::Failed;
     return Rollback::Done;
 }
@@ -261,11 +308,12 @@ HRESULT CJournaledFile::BeginSession() {
     // Nothing in a file shorter than a header can be preserved in order;
     // such a file is no compound file, and nothing writes into one.
     if (m_originalSize > 0 && m_originalSize < kHeaderSize) return STG_E_WRITEFAULT;
+    // A number other than the one the file carries: that may be the number
+    // of a session cut short whose journal is elsewhere.
     BYTE current[kMarkerSize] = {};
     ReadFileAt(m_file.Get(), kMarkerOffset, current, kMarkerSize);
-    m_resting = Get<std::uint32_t>(current);
     do m_marker = Random();
-    while (m_marker == 0 || m_marker == m_resting);
+    while (m_marker == 0 || m_marker == Get<std::uint32_t>(current));
 
     HRESULT hr = CreateJournal();
     if (FAILED(hr)) return hr;
@@ -300,6 +348,8 @@ HRESULT CJournaledFile::CreateJournal() {
     BYTE header[kJournalHeaderSize];
     std::memcpy(header, kMagic, sizeof kMagic);
     Put(header + 8, m_marker);
+    // Volume and file index: read only by older builds, which pair a journal
+    // with its file by them.
     Put(header + 12, m_identity.volume);
     Put(header + 16, m_identity.index);
     Put(header + 24, m_originalSize);
@@ -383,11 +433,12 @@ void CJournaledFile::CloseJournal() {
 void CJournaledFile::EndSession() {
     if (!m_inSession) return;
     m_inSession = false;
-    // The field gets its resting value back, and with that the session is
-    // done. A failed write may have left half a change: undo the session
-    // instead. A journal that could not be rolled back stays, hot, for the
-    // next holder.
-    if ((m_failed || FAILED(WriteMarker(m_resting))) && RollBack(m_journal.Get()) == Rollback::Failed)
+    // The field goes back to zero, and with that the session is done, and so
+    // is any session cut short before it whose journal was not found: its
+    // journal, should it turn up, no longer applies. A failed write may have
+    // left half a change: undo the session instead. A journal that could not
+    // be rolled back stays, hot, for the next holder.
+    if ((m_failed || FAILED(WriteMarker(0))) && RollBack(m_journal.Get()) == Rollback::Failed)
         m_journal.Close();
     CloseJournal();
     m_failed = false;

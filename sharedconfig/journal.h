@@ -8,18 +8,24 @@
 // it is about to overwrite go to a journal beside the file; the next process
 // that opens the file finds the journal and writes the originals back.
 //
-// What makes a journal "hot" (to be rolled back) is the shared file itself,
-// not the journal's presence: the session first writes a random number into
-// the file header's transaction-signature field (a field the compound file
-// leaves to transacted implementations, unused in direct mode), keeps it
-// there in every header write, and at the end puts the field's resting value
-// (the one it had, normally zero) back. A journal is rolled back only when it
-// is well formed, names this very file (volume and file index) and its number
-// is the one the file carries. So a journal left behind by a finished session
-// (one that could not be deleted, an old copy put back, a journal of another
-// file, anything else of that name) never undoes anything: the file no longer
-// carries its number. Rolling back restores the header last, so a rollback
-// cut short is rolled back again.
+// What makes a journal "hot" (to be rolled back) is the shared file itself, not
+// the journal's presence: the session first writes a random number into the
+// file header's transaction-signature field (a field the compound file leaves
+// to transacted implementations, unused in direct mode), keeps it there in
+// every header write, and at the end sets the field to zero. A journal is
+// rolled back only when it bears the file's name (as found through the open
+// file, so every spelling of the path finds it), is well formed, carries the
+// number the file carries, and its records check out: each a region within the
+// file's original size, the header's first. The file's identity (volume, index)
+// plays no part: a copy of the folder taken after a kill, before anyone opened
+// the file again, is rolled back like the original. A journal of a finished
+// session (one that could not be deleted, an old copy put back), of another
+// file, junk, never undoes anything: the file does not carry its number. Ending
+// every session at zero keeps it so: once a session has finished, the number of
+// one cut short before it (whose journal was not beside the file then) no
+// longer applies either. The number has 32 bits: a journal of another session
+// matches by chance once in 2^32. Rolling back restores the header last, so a
+// rollback cut short is rolled back again.
 //
 // The journal is read and written only while this process holds the file
 // open with no sharing at all: no other holder can change the file under it.
@@ -33,6 +39,7 @@
 #include <cstdint>
 #include <string>
 #include <unordered_set>
+#include <vector>
 
 #include "com/object.h"
 #include "com/raii.h"
@@ -78,13 +85,14 @@ private:
         std::uint64_t index = 0;
     };
 
-    // Not ours (or not of this file), ours but finished, rolled back, or hot
-    // but not rolled back.
+    // No journal (or not one a session wrote), another number than the
+    // file's, rolled back, or of the file's number but not rolled back.
     enum class Rollback { NotHot, Stale, Done, Failed };
 
     HRESULT Init(const wchar_t* path, bool create);
     HRESULT RollBackLeftovers();
     Rollback RollBack(HANDLE journal);
+    static HRESULT NextRecord(HANDLE journal, std::uint32_t marker, std::uint64_t& at, std::vector<BYTE>& data);
     HRESULT BeginSession();
     HRESULT CreateJournal();
     HRESULT Preserve(std::uint64_t offset, std::uint64_t length);
@@ -104,7 +112,6 @@ private:
     std::wstring m_journalPath;
     std::uint64_t m_journalEnd = 0;
     std::uint32_t m_marker = 0;
-    std::uint32_t m_resting = 0;
     std::uint64_t m_originalSize = 0;
     std::unordered_set<std::uint64_t> m_preserved;  // block numbers
 };

@@ -4,6 +4,8 @@
 // element is one complete write.
 #include <algorithm>
 #include <cstdio>
+#include <filesystem>
+#include <fstream>
 #include <memory>
 #include <vector>
 
@@ -124,9 +126,12 @@ TEST(CrossProcessRuns, ManyProcessesLeaveEveryElementAsOneCompleteWrite) {
 // a peer's failed acquisition writes its empty copy back, as any discarded
 // acquisition does, so a read may find the element empty, never torn. The
 // peer is killed half-way through a write-back: the next holder finds the
-// element as the last finished write-back left it; and the journal, put back
-// beside the file after later write-backs, undoes none of them.
-TEST(CrossProcessRuns, AWriteBackKilledHalfWayIsRolledBackAndItsJournalNeverAgain) {
+// element as the last finished write-back left it, and so does the holder of
+// a copy of the folder taken before (another folder, another file index);
+// the journal beside a copy of the file that carries another number changes
+// nothing; and the journal, put back beside the file, or beside a copy of the
+// file alone, after later write-backs, undoes none of them.
+TEST(CrossProcessRuns, AWriteBackKilledHalfWayIsRolledBackInCopiesOfTheFolderTooAndItsJournalNeverAgain) {
     const std::wstring file = BesideThisProgram(L"halfway.stg"), journal = file + L".kyjournal",
                        kept = file + L".old-journal";
     const std::wstring other = file.substr(0, file.find_last_of(L'\\')) + L"\\.\\halfway.stg";
@@ -146,16 +151,39 @@ TEST(CrossProcessRuns, AWriteBackKilledHalfWayIsRolledBackAndItsJournalNeverAgai
             break;
     writer.Kill();
     ASSERT_TRUE(::CopyFileW(journal.c_str(), kept.c_str(), FALSE));
+    const std::wstring copies = BesideThisProgram(L"halfway-copies\\"), copy = copies + L"halfway.stg",
+                       renumbered = copies + L"renumbered.stg", alone = copies + L"alone.stg";
+    ::CreateDirectoryW(copies.c_str(), nullptr);
+    for (const std::wstring& to : {copy, renumbered, alone}) ASSERT_TRUE(::CopyFileW(file.c_str(), to.c_str(), FALSE));
+    for (const std::wstring& to : {copy, renumbered})
+        ASSERT_TRUE(::CopyFileW(journal.c_str(), (to + L".kyjournal").c_str(), FALSE));
+    std::fstream header(std::filesystem::path(renumbered), std::ios::in | std::ios::out | std::ios::binary);
+    header.seekg(0x34);  // the compound file header's transaction-signature field, where the number is
+    const char changed = static_cast<char>(header.get() ^ 0xFF);
+    header.seekp(0x34).put(changed);
+    header.close();
+    const std::string asKilled = FileContents(renumbered);
 
     EXPECT_NE(records::Kind::Torn, records::Check(Acquired(other, L"big")));
+    Acquired(copy, L"big");
+    EXPECT_TRUE(FileContents(copy) == FileContents(file));
+    Acquired(renumbered, L"probe");
+    EXPECT_TRUE(FileContents(renumbered) == asKilled + "probe=;");
+    const std::string lone = Acquired(alone, L"big");
+    std::printf("halfway: the file copied alone reads %zu bytes, %s\n", lone.size(),
+                records::Check(lone) == records::Kind::Valid ? "whole" : "not whole");
     const std::string later = records::Make(2, 1, 1 << 20);
     ASSERT_HR(S_OK, manager.Put(file, L"big", later));
     ASSERT_HR(S_OK, manager.Put(file, L"small", records::Make(3, 1)));
+    ASSERT_HR(S_OK, manager.Put(alone, L"big", later));
+    ASSERT_TRUE(::CopyFileW(kept.c_str(), (alone + L".kyjournal").c_str(), FALSE));
+    EXPECT_TRUE(Acquired(alone, L"big") == later);
     ASSERT_TRUE(::MoveFileExW(kept.c_str(), journal.c_str(), MOVEFILE_REPLACE_EXISTING));
     EXPECT_TRUE(Acquired(file, L"big") == later);
     EXPECT_EQ(records::Kind::Valid, records::Check(Acquired(file, L"small")));
     ::DeleteFileW(journal.c_str());
     ::DeleteFileW(file.c_str());
+    std::filesystem::remove_all(std::filesystem::path(copies));
 }
 
 // A kill inside the lock leaves the mutex abandoned: the next acquisition
