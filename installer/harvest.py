@@ -210,7 +210,8 @@ def wix_command(before_path, after_path, arch, dll_path, out_path):
         out.write('    <ComponentGroup Id="KyUtils.%s" Directory="%s">\n' % (arch, folder_id))
         component(out, "KyUtils%s" % arch, guid, win64, views[win64], True)
         if views[not win64]:
-            component(out, "KyUtils%sView%s" % (arch, "32" if win64 else "64"), other_guid, not win64, views[not win64], False)
+            component(out, "KyUtils%sView%s" % (arch, "32" if win64 else "64"), other_guid, not win64,
+                      views[not win64], False)
         out.write("    </ComponentGroup>\n  </Fragment>\n</Wix>\n")
 
 

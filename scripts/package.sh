@@ -15,7 +15,6 @@ jobs=${JOBS:-2}
 version=$(sed -n 's/^project(KyUtils VERSION \([0-9.]*\).*/\1/p' CMakeLists.txt)
 # Every time stamp that ends up in a package is the last commit's.
 stamp=$(git log -1 --format=%cd --date=format:'%Y-%m-%d %H:%M:%S' 2>/dev/null || echo "2000-01-01 00:00:00")
-commit=$(git rev-parse HEAD 2>/dev/null || echo unknown)
 work=$PWD/build/release
 sdk=$work/sdk
 symbols=$work/symbols
@@ -59,13 +58,13 @@ done
 cp installer/KyUtils.wxs "$sdk/wix/"
 
 echo "==== Packing dist/"
-# Product and package codes follow from the version and the commit, so a
-# rebuild gives the same package and every version a product of its own.
+# The product code follows from the version: every version is a product of
+# its own (a major upgrade), and a rebuild of one is the same product.
 guid() { python3 -c 'import sys, uuid; print("{%s}" % str(uuid.uuid5(uuid.NAMESPACE_URL, sys.argv[1])).upper())' "$1"; }
 # wixl takes sources relative to the folder it runs in.
 (cd "$sdk" && TZ=UTC faketime "$stamp" wixl -a x64 -D Version="$version" \
-  -D ProductCode="$(guid "kyutils:product:$version")" -D PackageCode="$(guid "kyutils:package:$version:$commit")" \
-  -D KyUtilsSdk=. -o "$OLDPWD/dist/KyUtils-$version.msi" wix/KyUtils.wxs wix/KyUtils-x64.wxs wix/KyUtils-x86.wxs)
+  -D ProductCode="$(guid "kyutils:product:$version")" -D KyUtilsSdk=. -o "$OLDPWD/dist/KyUtils-$version.msi" \
+  wix/KyUtils.wxs wix/KyUtils-x64.wxs wix/KyUtils-x86.wxs)
 pack() {  # pack <folder> <zip>: sorted, with the commit's time on every entry
   find "$1" -exec touch -h -d "$stamp UTC" {} +
   (cd "$1" && find . -mindepth 1 | LC_ALL=C sort | TZ=UTC zip -q -X -D "$2" -@)

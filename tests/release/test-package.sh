@@ -23,7 +23,8 @@ same_keys() { keys "$1" "$2" >"$work/$2.keys"; diff -u "$work/$3" "$work/$2.keys
 msiexec() { run x86_64 "$work/msi" msiexec "$@" /qn || fail "msiexec $* exited with $?"; }
 installed() {  # installed <version>: one product of ours, of that version, and both DLLs of the SDK
   snapshot msi products
-  shown=$(awk '/^\[/ { if (ours) print v; ours = 0; v = ""; arp = /^\[Software\\\\Microsoft\\\\Windows\\\\CurrentVersion\\\\Uninstall\\\\/ }
+  # The version of each product whose uninstall entry bears our name.
+  shown=$(awk '/^\[/ { if (ours) print v; ours = 0; v = ""; arp = index($0, "CurrentVersion\\\\Uninstall\\\\") }
     arp && /^"DisplayName"="KyUtils"$/ { ours = 1 } /^"DisplayVersion"=/ { v = $0 } END { if (ours) print v }' \
     "$work/products.reg" | sed 's/.*="\(.*\)"/\1/')
   found=$(echo "$shown" | grep -c .)
@@ -63,8 +64,8 @@ echo "repair: the deleted DLL and ProgID are back"
 # A newer version built from the SDK's installer sources, as a team that ships KyUtils would.
 next=$(echo "$version" | awk -F. '{ print $1 "." $2 "." $3 + 1 }')
 code() { python3 -c 'import sys, uuid; print("{%s}" % str(uuid.uuid5(uuid.NAMESPACE_URL, sys.argv[1])).upper())' "$1"; }
-(cd "$work/sdk" && wixl -a x64 -D Version="$next" -D ProductCode="$(code "test:$next")" -D PackageCode="$(code "test")" \
-  -D KyUtilsSdk=. -o "$work/next.msi" wix/KyUtils.wxs wix/KyUtils-x64.wxs wix/KyUtils-x86.wxs 2>/dev/null)
+(cd "$work/sdk" && wixl -a x64 -D Version="$next" -D ProductCode="$(code "test:$next")" -D KyUtilsSdk=. \
+  -o "$work/next.msi" wix/KyUtils.wxs wix/KyUtils-x64.wxs wix/KyUtils-x86.wxs 2>/dev/null)
 msiexec /i "Z:$work/next.msi"
 snapshot msi msi.upgraded
 same_keys msi.0 msi.upgraded regsvr32.keys "the upgrade left the registry otherwise"
@@ -74,7 +75,8 @@ echo "upgrade: $version replaced by $next, one product installed"
 for script in $(cd "$work/sdk/samples" && find . -name '*.js' -o -name '*.vbs' | sort); do
   for arch in x86_64 i686; do  # the OPML sample's dates are written for New York
     TZ=America/New_York "$root/cmake/run-script.sh" "$arch" "$work/msi" "$work/sdk/samples/$script" \
-      "$work/sdk/samples/${script%.*}.expected" >"$work/sample.log" 2>&1 || { cat "$work/sample.log"; fail "$script ($arch)"; }
+      "$work/sdk/samples/${script%.*}.expected" >"$work/sample.log" 2>&1 ||
+      { cat "$work/sample.log"; fail "$script ($arch)"; }
   done
   echo "sample $script: as expected from the 64-bit and the 32-bit script host"
 done
@@ -87,6 +89,6 @@ sed -n 's/^\[.*\({[0-9A-F-]*}\).*/\1/p; t; s/^\[Software\\Classes\\\(Wow6432Node
   "$work/regsvr32.keys" | sort -u >"$work/ours"
 keys msi.0 msi.removed | grep '^\[\|^removed' | grep -iF -f "$work/ours" -e removed >"$work/left.keys" || true
 [ ! -s "$work/left.keys" ] || { cat "$work/left.keys"; fail "class keys of ours left after uninstalling"; }
-left=$(find "$work/msi/drive_c/Program Files/KyUtils" "$work/msi/drive_c/Program Files (x86)/KyUtils" 2>/dev/null || true)
+left=$(cd "$work/msi/drive_c" && find "Program Files/KyUtils" "Program Files (x86)/KyUtils" 2>/dev/null || true)
 [ -z "$left" ] || fail "files left after uninstalling: $left"
 echo "uninstall: no class key and no file of ours left"
