@@ -2,19 +2,37 @@
 
 set(KY_WIDL_FLAGS -I/usr/include/wine/wine/windows -L${KY_WINE_TLB_DIR})
 
+# widl writes its run time into every type library and ignores
+# SOURCE_DATE_EPOCH, so it runs under a clock frozen at the last commit's time
+# (in UTC, as it writes local time): the same commit gives the same bytes.
+find_program(KY_FAKETIME faketime)
+if(NOT KY_FAKETIME)
+  message(FATAL_ERROR "faketime not found (Debian package faketime; scripts/deps.sh installs it)")
+endif()
+execute_process(COMMAND git log -1 --format=%cd --date=format:%Y-%m-%d\ %H:%M:%S
+  WORKING_DIRECTORY ${PROJECT_SOURCE_DIR} OUTPUT_VARIABLE KY_SOURCE_TIME OUTPUT_STRIP_TRAILING_WHITESPACE
+  RESULT_VARIABLE rc ERROR_QUIET)
+if(NOT rc EQUAL 0 OR NOT KY_SOURCE_TIME)
+  set(KY_SOURCE_TIME "2000-01-01 00:00:00")  # sources without their history
+endif()
+set(KY_WIDL_RUN env TZ=UTC ${KY_FAKETIME} ${KY_SOURCE_TIME} ${KY_WIDL})
+
 # ky_widl(<idl> <basename>) generates <basename>.h, <basename>_i.c,
 # <basename>_p.c, dlldata.c and <basename>.tlb in KY_GENERATED_DIR and sets
 # KY_IDL_HEADER, KY_IDL_GUIDS, KY_IDL_PROXY, KY_IDL_DLLDATA and KY_IDL_TLB.
 function(ky_widl idl base)
   set(out ${KY_GENERATED_DIR})
+  # Named relative to the sources, so that no generated file names the folder.
+  file(RELATIVE_PATH source ${PROJECT_SOURCE_DIR} ${idl})
   add_custom_command(
     OUTPUT ${out}/${base}.h ${out}/${base}_i.c ${out}/${base}_p.c ${out}/dlldata.c ${out}/${base}.tlb
-    COMMAND ${KY_WIDL} ${KY_WIDL_FLAGS} -h -o ${out}/${base}.h ${idl}
-    COMMAND ${KY_WIDL} ${KY_WIDL_FLAGS} -u -o ${out}/${base}_i.c ${idl}
-    COMMAND ${KY_WIDL} ${KY_WIDL_FLAGS} -Oif -p -o ${out}/${base}_p.c ${idl}
-    COMMAND ${KY_WIDL} --dlldata-only -o ${out}/dlldata.c ${base}
-    COMMAND ${KY_WIDL} ${KY_WIDL_FLAGS} -DKY_TYPELIB -t -o ${out}/${base}.tlb ${idl}
+    COMMAND ${KY_WIDL_RUN} ${KY_WIDL_FLAGS} -h -o ${out}/${base}.h ${source}
+    COMMAND ${KY_WIDL_RUN} ${KY_WIDL_FLAGS} -u -o ${out}/${base}_i.c ${source}
+    COMMAND ${KY_WIDL_RUN} ${KY_WIDL_FLAGS} -Oif -p -o ${out}/${base}_p.c ${source}
+    COMMAND ${KY_WIDL_RUN} --dlldata-only -o ${out}/dlldata.c ${base}
+    COMMAND ${KY_WIDL_RUN} ${KY_WIDL_FLAGS} -DKY_TYPELIB -t -o ${out}/${base}.tlb ${source}
     DEPENDS ${idl}
+    WORKING_DIRECTORY ${PROJECT_SOURCE_DIR}
     COMMENT "widl ${base}.idl"
     VERBATIM)
   set(KY_IDL_HEADER ${out}/${base}.h PARENT_SCOPE)

@@ -1,11 +1,12 @@
 #!/bin/sh
 # Installs the Debian packages the build and the tests need, when missing:
 # the MinGW-w64 compilers, both Wines (64-bit and 32-bit, the 32-bit one from
-# the i386 architecture) and the checking tools.
+# the i386 architecture), the checking tools and what the release is made
+# with (a frozen clock for widl, wixl for the installer, zip).
 set -e
 packages="cmake make g++-mingw-w64-x86-64-posix g++-mingw-w64-i686-posix mingw-w64-tools binutils-mingw-w64-x86-64
 binutils-mingw-w64-i686 wine wine64 wine32:i386 libwine-dev googletest xvfb xauth python3 python3-olefile
-libxml2-utils"
+libxml2-utils faketime wixl msitools zip unzip"
 # Installed together so that apt lines up the two architectures' libraries.
 wines="wine64 wine32:i386 libwine-dev"
 

@@ -1,7 +1,8 @@
 #!/bin/sh
 # The whole test suite, once per architecture: installs what is missing,
 # builds both trees, and runs every test program, script sample and check of
-# each under its own Wine loader in a private prefix under build/.
+# each under its own Wine loader in a private prefix under build/; then
+# builds the release and tests its installer.
 cd "$(dirname "$0")/.." || exit 1
 failed=0
 scripts/deps.sh || { echo "scripts/deps.sh failed: carrying on with what is installed"; failed=1; }
@@ -22,4 +23,10 @@ for tree in x64:x86_64 x86:i686; do
   ctest --test-dir "build/$dir" --output-on-failure -j"${JOBS:-2}" || failed=1
   echo "==== $arch tests took $(($(date +%s) - start)) s"
 done
+# The release: packaged as a user gets it, then installed, used, repaired,
+# upgraded and uninstalled in fresh prefixes.
+echo "==== The release (scripts/package.sh, tests/release/test-package.sh)"
+start=$(date +%s)
+{ scripts/package.sh && tests/release/test-package.sh; } || { echo "**** the release FAILED"; failed=1; }
+echo "==== The release took $(($(date +%s) - start)) s"
 exit $failed
