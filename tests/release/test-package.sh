@@ -1,18 +1,13 @@
 #!/bin/sh
-# The release as a user meets it, in fresh Wine prefixes: the package's
-# registry equals the DLLs' own registration; installed quietly, both script
-# hosts run the samples; a repair restores a deleted DLL and key; a newer
-# version replaces the older one; uninstalling leaves nothing of ours.
+# The release as a user meets it, in fresh Wine prefixes: installed, repaired
+# and upgraded, the registry is the DLLs' own registration; both script hosts
+# run the samples; uninstalling leaves nothing of ours.
 #   test-package.sh [dist folder]
 set -e
 root=$(cd "$(dirname "$0")/../.." && pwd)
-dist=$(realpath "${1:-$root/dist}")
-msi=$(ls "$dist"/KyUtils-*.msi)
-version=$(basename "$msi" .msi | sed 's/^KyUtils-//')
-work=$root/build/release-test
-rm -rf "$work"
-mkdir -p "$work"
-unzip -q "$dist/KyUtils-$version-sdk.zip" -d "$work/sdk"
+dist=$(realpath "${1:-$root/dist}") work=$root/build/release-test
+msi=$(ls "$dist"/KyUtils-*.msi) && version=$(basename "$msi" .msi | sed 's/^KyUtils-//')
+rm -rf "$work" && mkdir -p "$work" && unzip -q "$dist/KyUtils-$version-sdk.zip" -d "$work/sdk"
 run() { "$root/cmake/wine-run.sh" "$@"; }
 fail() { echo "FAIL: $*"; exit 1; }
 snapshot() { WINEPREFIX=$work/$1 /usr/lib/wine/wineserver64 -w; cp "$work/$1/system.reg" "$work/$2.reg"; }
@@ -32,34 +27,30 @@ installed() {  # installed <version>: one product of ours, of that version, and 
   cmp "$work/msi/drive_c/Program Files/KyUtils/kyutils.dll" "$work/sdk/bin/x64/kyutils.dll"
   cmp "$work/msi/drive_c/Program Files (x86)/KyUtils/kyutils.dll" "$work/sdk/bin/x86/kyutils.dll"
 }
+# step <name> <version> <what it showed>: the registry is regsvr32's and the product is installed.
+step() { snapshot msi "msi.$1"; same_keys msi.0 "msi.$1" regsvr32.keys "$1: registry not as regsvr32 writes it"
+  installed "$2"; echo "$1: $3"; }
 
-for prefix in msi regsvr32; do "$root/cmake/wine-prefix.sh" "$work/$prefix" >/dev/null & done
-wait
+for prefix in msi regsvr32; do "$root/cmake/wine-prefix.sh" "$work/$prefix" >/dev/null & done; wait
 
 # What regsvr32 writes, both DLLs where the package puts them, against what the package writes.
 snapshot regsvr32 regsvr32.0
-mkdir -p "$work/regsvr32/drive_c/Program Files/KyUtils" "$work/regsvr32/drive_c/Program Files (x86)/KyUtils"
-cp "$work/sdk/bin/x64/kyutils.dll" "$work/regsvr32/drive_c/Program Files/KyUtils/"
-cp "$work/sdk/bin/x86/kyutils.dll" "$work/regsvr32/drive_c/Program Files (x86)/KyUtils/"
-run x86_64 "$work/regsvr32" regsvr32 /s "$dir64\\kyutils.dll"
-run i686 "$work/regsvr32" regsvr32 /s "$dir32\\kyutils.dll"
+for arch in x86_64:x64: i686:x86:' (x86)'; do
+  cpu=${arch%%:*} bin=${arch#*:} folder="Program Files${arch##*:}/KyUtils"
+  mkdir -p "$work/regsvr32/drive_c/$folder" && cp "$work/sdk/bin/${bin%%:*}/kyutils.dll" "$work/regsvr32/drive_c/$folder"
+  run "$cpu" "$work/regsvr32" regsvr32 /s "C:\\$(echo "$folder" | tr / '\\')\\kyutils.dll"
+done
 snapshot regsvr32 regsvr32.1
 keys regsvr32.0 regsvr32.1 >"$work/regsvr32.keys"
 snapshot msi msi.0
 msiexec /i "Z:$msi"
-snapshot msi msi.1
-same_keys msi.0 msi.1 regsvr32.keys "the package's registry differs from regsvr32's (- regsvr32, + package)"
-installed "$version"
-echo "install: $(grep -c '^\[' "$work/msi.1.keys") class keys, as regsvr32 writes them"
+step install "$version" "$(grep -c '^\[' "$work/regsvr32.keys") class keys, as regsvr32 writes them (- regsvr32, + package)"
 
 rm "$work/msi/drive_c/Program Files (x86)/KyUtils/kyutils.dll"
 run x86_64 "$work/msi" reg delete 'HKCR\KyUtils.KyStrings' /f >/dev/null
 # Wine's msiexec repairs through a reinstall of the package (its /f wants a product code, which it does not take).
 msiexec /i "Z:$msi" REINSTALL=ALL REINSTALLMODE=amus
-snapshot msi msi.repaired
-same_keys msi.0 msi.repaired regsvr32.keys "a repair left the registry otherwise"
-installed "$version"
-echo "repair: the deleted DLL and ProgID are back"
+step repair "$version" "the deleted DLL and ProgID are back"
 
 # A newer version built from the SDK's installer sources, as a team that ships KyUtils would.
 next=$(echo "$version" | awk -F. '{ print $1 "." $2 "." $3 + 1 }')
@@ -67,10 +58,7 @@ code() { python3 -c 'import sys, uuid; print("{%s}" % str(uuid.uuid5(uuid.NAMESP
 (cd "$work/sdk" && wixl -a x64 -D Version="$next" -D ProductCode="$(code "test:$next")" -D KyUtilsSdk=. \
   -o "$work/next.msi" wix/KyUtils.wxs wix/KyUtils-x64.wxs wix/KyUtils-x86.wxs 2>/dev/null)
 msiexec /i "Z:$work/next.msi"
-snapshot msi msi.upgraded
-same_keys msi.0 msi.upgraded regsvr32.keys "the upgrade left the registry otherwise"
-installed "$next"
-echo "upgrade: $version replaced by $next, one product installed"
+step upgrade "$next" "$version replaced by $next, one product installed"
 
 for script in $(cd "$work/sdk/samples" && find . -name '*.js' -o -name '*.vbs' | sort); do
   for arch in x86_64 i686; do  # the OPML sample's dates are written for New York
