@@ -5,6 +5,8 @@ set(KY_WIDL_FLAGS -I/usr/include/wine/wine/windows -L${KY_WINE_TLB_DIR})
 # widl writes its run time into every type library and ignores
 # SOURCE_DATE_EPOCH, so it runs under a clock frozen at the last commit's time
 # (in UTC, as it writes local time): the same commit gives the same bytes.
+# Frozen takes -f: without it faketime starts the clock there and lets it run,
+# and a run that crosses a second writes the next one.
 find_program(KY_FAKETIME faketime)
 if(NOT KY_FAKETIME)
   message(FATAL_ERROR "faketime not found (Debian package faketime; scripts/deps.sh installs it)")
@@ -15,7 +17,7 @@ execute_process(COMMAND git log -1 --format=%cd --date=format:%Y-%m-%d\ %H:%M:%S
 if(NOT rc EQUAL 0 OR NOT KY_SOURCE_TIME)
   set(KY_SOURCE_TIME "2000-01-01 00:00:00")  # sources without their history
 endif()
-set(KY_WIDL_RUN env TZ=UTC ${KY_FAKETIME} ${KY_SOURCE_TIME} ${KY_WIDL})
+set(KY_WIDL_RUN env TZ=UTC ${KY_FAKETIME} -f ${KY_SOURCE_TIME} ${KY_WIDL})
 
 # ky_widl(<idl> <basename>) generates <basename>.h, <basename>_i.c,
 # <basename>_p.c, dlldata.c and <basename>.tlb in KY_GENERATED_DIR and sets

@@ -62,7 +62,7 @@ echo "==== Packing dist/"
 # its own (a major upgrade), and a rebuild of one is the same product.
 guid() { python3 -c 'import sys, uuid; print("{%s}" % str(uuid.uuid5(uuid.NAMESPACE_URL, sys.argv[1])).upper())' "$1"; }
 # wixl takes sources relative to the folder it runs in.
-(cd "$sdk" && TZ=UTC faketime "$stamp" wixl -a x64 -D Version="$version" \
+(cd "$sdk" && TZ=UTC faketime -f "$stamp" wixl -a x64 -D Version="$version" \
   -D ProductCode="$(guid "kyutils:product:$version")" -D KyUtilsSdk=. -o "$OLDPWD/dist/KyUtils-$version.msi" \
   wix/KyUtils.wxs wix/KyUtils-x64.wxs wix/KyUtils-x86.wxs)
 pack() {  # pack <folder> <zip>: sorted, with the commit's time on every entry
